@@ -28,9 +28,11 @@ struct TestAlarm {
         alarm->callback = nullptr;
     }
 
-    // Waits for the next firing; false if none came within `timeout_ms`.
+    // Waits for the next firing and for its callback to finish (an alarm may be armed again
+    // only then); false if none came within `timeout_ms`.
     bool wait_fired(int32_t timeout_ms = 5000) {
         bool fired_in_time = pin_wait(&fired, nullptr, timeout_ms) == 1;
+        if (fired_in_time) alarm_cancel(&alarm);
         pin_reset(&fired);
         return fired_in_time;
     }
