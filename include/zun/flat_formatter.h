@@ -32,9 +32,9 @@ struct FlatFormatterV5 {
                                uint8_t* existed, OpenedFileInfo* info, uint64_t* parent_file_id,
                                wchar_t** end_name) = 0;
     virtual ProtocolError Replace(uint64_t target_open_id, uint64_t target_parent_file_id,
-                                  const NameComponent* target_end_name,
-                                  uint8_t create_file_flags, int64_t write_time,
-                                  uint64_t new_create_open_id, OpenedFileInfo* info) = 0;
+                                  const NameComponent* target_end_name, uint8_t create_file_flags,
+                                  int64_t write_time, uint64_t new_create_open_id,
+                                  OpenedFileInfo* info) = 0;
     virtual ProtocolError Move(uint64_t source_open_id, uint64_t source_parent_file_id,
                                const NameComponent* source_end_name,
                                const NameComponent* target_name, size_t target_name_count,
@@ -43,16 +43,15 @@ struct FlatFormatterV5 {
                                OpenedFileInfo* info, uint64_t* parent_file_id,
                                wchar_t** end_name) = 0;
     virtual ProtocolError MoveReplace(uint64_t source_open_id, uint64_t source_parent_file_id,
-                                      const NameComponent* source_end_name,
-                                      uint64_t target_open_id, uint64_t target_parent_file_id,
+                                      const NameComponent* source_end_name, uint64_t target_open_id,
+                                      uint64_t target_parent_file_id,
                                       const NameComponent* target_end_name, bool delete_source,
                                       int64_t write_time) = 0;
     virtual ProtocolError Delete(uint64_t open_id, uint64_t parent_file_id,
                                  const NameComponent* end_name, int64_t write_time) = 0;
     virtual ProtocolError Close(uint64_t open_id, uint64_t open_sequence) = 0;
     virtual ProtocolError Flush(uint64_t open_id, uint8_t file_flags, int64_t create_time,
-                                int64_t access_time, int64_t write_time,
-                                int64_t change_time) = 0;
+                                int64_t access_time, int64_t write_time, int64_t change_time) = 0;
     virtual ProtocolError List(uint64_t open_id, uint64_t list_id, ListSink* sink) = 0;
     virtual ProtocolError ListEnd(uint64_t open_id, uint64_t list_id) = 0;
     virtual ProtocolError Read(uint64_t open_id, uint64_t file_offset, void* data,
@@ -67,10 +66,8 @@ struct FlatFormatterV5 {
     virtual ProtocolError Control(uint64_t open_id, int8_t access_level, uint32_t control_code,
                                   const void* input, size_t input_size, void* output,
                                   size_t max_output_size, size_t* output_size) = 0;
-    virtual ProtocolError MediaInfo(uint64_t open_id, zun::MediaInfo* info,
-                                    wchar_t** label) = 0;
-    virtual ProtocolError Access(uint64_t open_id, int8_t access_level,
-                                 OpenedFileInfo* info) = 0;
+    virtual ProtocolError MediaInfo(uint64_t open_id, zun::MediaInfo* info, wchar_t** label) = 0;
+    virtual ProtocolError Access(uint64_t open_id, int8_t access_level, OpenedFileInfo* info) = 0;
 };
 
 // The read-write flat interface as a version 6 marshaller calls it. Slots as FlatFormatterV5
@@ -84,19 +81,19 @@ struct FlatFormatter {
                                uint8_t* existed, OpenedFileInfo* info, uint64_t* parent_file_id,
                                wchar_t** end_name) = 0;
     virtual ProtocolError Replace(uint64_t target_open_id, uint64_t target_parent_file_id,
-                                  const NameComponent* target_end_name,
-                                  uint8_t create_file_flags, int64_t write_time,
-                                  uint64_t new_create_open_id, OpenedFileInfo* info) = 0;
+                                  const NameComponent* target_end_name, uint8_t create_file_flags,
+                                  int64_t write_time, uint64_t new_create_open_id,
+                                  OpenedFileInfo* info) = 0;
     virtual ProtocolError Move(uint64_t source_open_id, uint64_t source_parent_file_id,
                                const NameComponent* source_end_name,
                                const NameComponent* target_name, size_t target_name_count,
-                               bool delete_source, int64_t write_time,
-                               int8_t existing_access_level, uint64_t new_existing_open_id,
-                               uint8_t* existed, OpenedFileInfo* info, uint64_t* parent_file_id,
+                               bool delete_source, int64_t write_time, int8_t existing_access_level,
+                               uint64_t new_existing_open_id, uint8_t* existed,
+                               OpenedFileInfo* info, uint64_t* parent_file_id,
                                wchar_t** end_name) = 0;
     virtual ProtocolError MoveReplace(uint64_t source_open_id, uint64_t source_parent_file_id,
-                                      const NameComponent* source_end_name,
-                                      uint64_t target_open_id, uint64_t target_parent_file_id,
+                                      const NameComponent* source_end_name, uint64_t target_open_id,
+                                      uint64_t target_parent_file_id,
                                       const NameComponent* target_end_name, bool delete_source,
                                       int64_t write_time) = 0;
     virtual ProtocolError Delete(uint64_t open_id, uint64_t parent_file_id,
@@ -105,8 +102,7 @@ struct FlatFormatter {
     // A record left all zero still answers with the record.
     virtual ProtocolError Flush(uint64_t open_id, uint8_t flush_flags, uint8_t file_flags,
                                 uint8_t color, int64_t create_time, int64_t access_time,
-                                int64_t write_time, int64_t change_time,
-                                OpenedFileInfo* info) = 0;
+                                int64_t write_time, int64_t change_time, OpenedFileInfo* info) = 0;
     virtual ProtocolError List(uint64_t open_id, uint64_t list_id, ListSink* sink) = 0;
     virtual ProtocolError ListEnd(uint64_t open_id, uint64_t list_id) = 0;
     virtual ProtocolError Read(uint64_t open_id, uint64_t file_offset, void* data,
@@ -119,10 +115,8 @@ struct FlatFormatter {
     virtual ProtocolError Control(uint64_t open_id, int8_t access_level, uint32_t control_code,
                                   const void* input, size_t input_size, void* output,
                                   size_t max_output_size, size_t* output_size) = 0;
-    virtual ProtocolError MediaInfo(uint64_t open_id, zun::MediaInfo* info,
-                                    wchar_t** label) = 0;
-    virtual ProtocolError Access(uint64_t open_id, int8_t access_level,
-                                 OpenedFileInfo* info) = 0;
+    virtual ProtocolError MediaInfo(uint64_t open_id, zun::MediaInfo* info, wchar_t** label) = 0;
+    virtual ProtocolError Access(uint64_t open_id, int8_t access_level, OpenedFileInfo* info) = 0;
 };
 
 // The read-only flat interface. Requests that would change the volume never reach it: they
@@ -145,10 +139,8 @@ struct ReadOnlyFlatFormatter {
     virtual ProtocolError Control(uint64_t open_id, int8_t access_level, uint32_t control_code,
                                   const void* input, size_t input_size, void* output,
                                   size_t max_output_size, size_t* output_size) = 0;
-    virtual ProtocolError MediaInfo(uint64_t open_id, zun::MediaInfo* info,
-                                    wchar_t** label) = 0;
-    virtual ProtocolError Access(uint64_t open_id, int8_t access_level,
-                                 OpenedFileInfo* info) = 0;
+    virtual ProtocolError MediaInfo(uint64_t open_id, zun::MediaInfo* info, wchar_t** label) = 0;
+    virtual ProtocolError Access(uint64_t open_id, int8_t access_level, OpenedFileInfo* info) = 0;
 };
 
 } // namespace zun

@@ -39,12 +39,16 @@ constexpr uint32_t reply_code_word(uint32_t request_id, uint32_t error) {
     return kReplyBit | ((error & kCodeFieldMask) << kCodeFieldShift) |
            (request_id & kRequestIdMask);
 }
-constexpr uint32_t code_word_request_id(uint32_t code) { return code & kRequestIdMask; }
+constexpr uint32_t code_word_request_id(uint32_t code) {
+    return code & kRequestIdMask;
+}
 // The operation of a request, or the ProtocolError of a reply.
 constexpr uint32_t code_word_field(uint32_t code) {
     return (code >> kCodeFieldShift) & kCodeFieldMask;
 }
-constexpr bool code_word_is_reply(uint32_t code) { return (code & kReplyBit) != 0; }
+constexpr bool code_word_is_reply(uint32_t code) {
+    return (code & kReplyBit) != 0;
+}
 
 // ---------------------------------------------------------------------------------------------
 // Operations

@@ -45,8 +45,7 @@ struct OpenRequest {
     virtual int8_t ExistingAccessLevel() = 0;
     virtual uint64_t NewExistingOpenId() = 0;
     virtual void Complete(ProtocolError error, uint8_t existed, const OpenedFileInfo* info,
-                          uint64_t parent_file_id, const wchar_t* end_name,
-                          SequenceHook* hook) = 0;
+                          uint64_t parent_file_id, const wchar_t* end_name, SequenceHook* hook) = 0;
 };
 
 // replace: the target is named by its end name within the target's parent.
@@ -72,8 +71,7 @@ struct MoveRequest {
     virtual int64_t WriteTime() = 0;
     virtual uint64_t NewExistingOpenId() = 0;
     virtual void Complete(ProtocolError error, uint8_t existed, const OpenedFileInfo* info,
-                          uint64_t parent_file_id, const wchar_t* end_name,
-                          SequenceHook* hook) = 0;
+                          uint64_t parent_file_id, const wchar_t* end_name, SequenceHook* hook) = 0;
     // Appended after Complete by a later version of the interface. A request carrying access
     // level 0 reports 4.
     virtual int8_t ExistingAccessLevel() = 0;

@@ -9,10 +9,14 @@
 namespace zun {
 
 namespace {
-size_t reply_room(const ControlFields& f) { return (size_t{f.max_output_size} + 23) & ~size_t{7}; }
+size_t reply_room(const ControlFields& f) {
+    return (size_t{f.max_output_size} + 23) & ~size_t{7};
+}
 } // namespace
 
-ControlReplyBuffer::~ControlReplyBuffer() { free(block_); }
+ControlReplyBuffer::~ControlReplyBuffer() {
+    free(block_);
+}
 
 size_t ControlReplyBuffer::block_size(const ControlFields& f) {
     return f.input_size + reply_room(f);
@@ -33,8 +37,7 @@ uint8_t* ControlReplyBuffer::finish(uint32_t request_id, size_t output_size, siz
     size_t end = 16 + size_t{out};
     size_t padded = round_up8(end);
     memset(block_ + end, 0, padded - end);
-    encode_reply_header(block_, static_cast<uint32_t>(padded), request_id,
-                        ProtocolError::Success);
+    encode_reply_header(block_, static_cast<uint32_t>(padded), request_id, ProtocolError::Success);
     store_u32(block_ + 8, out);
     store_u32(block_ + 12, 0);
     *length = padded;

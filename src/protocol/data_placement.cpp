@@ -36,7 +36,9 @@ uint32_t data_align_from(uintptr_t wanted) {
     return align;
 }
 
-ReadReplyBuffer::~ReadReplyBuffer() { free(block_); }
+ReadReplyBuffer::~ReadReplyBuffer() {
+    free(block_);
+}
 
 size_t ReadReplyBuffer::buffer_size(const ReadFields& f, uint32_t align) {
     return size_t{f.requested_size} + extra_before(f, align) + tail_to_boundary(f, align) +
@@ -54,21 +56,22 @@ ProtocolError ReadReplyBuffer::init(const ReadFields& f, uint32_t align) {
     uintptr_t room = reinterpret_cast<uintptr_t>(block_) + extra_before(f, align);
     uintptr_t block_start = (room + align - 1) & ~uintptr_t(align - 1);
     uintptr_t data = block_start + offset_in_block(f, align);
-    reply_ = block_ + (data - kReadReplyHeaderSize - f.padding - reinterpret_cast<uintptr_t>(block_));
+    reply_ =
+        block_ + (data - kReadReplyHeaderSize - f.padding - reinterpret_cast<uintptr_t>(block_));
     requested_ = f.requested_size;
     padding_ = f.padding;
     return ProtocolError::Success;
 }
 
-DirectReadCheck ReadReplyBuffer::init_direct(const ReadFields& f, uint32_t align,
-                                             uint8_t* output, size_t output_size) {
+DirectReadCheck ReadReplyBuffer::init_direct(const ReadFields& f, uint32_t align, uint8_t* output,
+                                             size_t output_size) {
     free(block_);
     block_ = nullptr;
     reply_ = nullptr;
     if (offset_in_block(f, align) > kReadReplyHeaderSize + f.padding)
         return DirectReadCheck::BadPadding;
-    uint64_t needed = uint64_t{f.requested_size} + f.padding + kReadReplyHeaderSize +
-                      tail_to_boundary(f, align);
+    uint64_t needed =
+        uint64_t{f.requested_size} + f.padding + kReadReplyHeaderSize + tail_to_boundary(f, align);
     if (needed > output_size) return DirectReadCheck::BadSize;
     reply_ = output;
     requested_ = f.requested_size;
@@ -84,16 +87,17 @@ size_t ReadReplyBuffer::finish(uint32_t request_id, size_t actual_size) {
         memset(reply_ + kReadReplyHeaderSize, 0, padding_);
         memset(reply_ + end, 0, length - end);
     }
-    encode_reply_header(reply_, static_cast<uint32_t>(length), request_id,
-                        ProtocolError::Success);
+    encode_reply_header(reply_, static_cast<uint32_t>(length), request_id, ProtocolError::Success);
     store_u32(reply_ + 8, actual);
     store_u32(reply_ + 12, padding_);
     return length;
 }
 
-size_t write_relocation_offset(const WriteFields& f, uint32_t align) {
-    if (f.requested_size == 0) return 0;
-    return static_cast<size_t>((f.file_offset - 32 - f.padding) & (align - 1));
+uint8_t* write_relocation_place(uint8_t* buffer, const WriteFields& f, uint32_t align) {
+    if (f.requested_size == 0) return buffer;
+    // The shift that makes buffer + shift + 32 + padding congruent to the file offset.
+    uint64_t data_at = reinterpret_cast<uintptr_t>(buffer) + 32 + f.padding;
+    return buffer + static_cast<size_t>((f.file_offset - data_at) & (align - 1));
 }
 
 } // namespace zun

@@ -63,16 +63,18 @@ private:
 };
 
 // Writes on a stream: the reader takes the 32-byte header first, validates it (decode_write
-// with the header's message size), then reads the message into a buffer of
-// write_relocation_size bytes at write_relocation_offset, and the rest of the message straight
-// behind the header: the data then sit at an address aligned like the file offset without any
-// copy. A write of size 0 is not moved.
+// with the header's message size), then copies the header into a buffer of
+// write_relocation_size bytes at the position write_relocation_place returns and reads the rest
+// of the message straight behind it: the data then sit at an address aligned like the file
+// offset without any copy. A write of size 0 stays at the start of the buffer.
 constexpr size_t write_relocation_size(uint32_t message_size, uint32_t align) {
     return size_t{message_size} + align;
 }
-size_t write_relocation_offset(const WriteFields& fields, uint32_t align);
+uint8_t* write_relocation_place(uint8_t* buffer, const WriteFields& fields, uint32_t align);
 
 // A write answered straight into the client's output buffer needs room for its 16-byte reply.
-constexpr bool write_direct_output_fits(size_t output_size) { return output_size >= 16; }
+constexpr bool write_direct_output_fits(size_t output_size) {
+    return output_size >= 16;
+}
 
 } // namespace zun

@@ -14,7 +14,9 @@ constexpr size_t kHeaderSize = 16;
 constexpr size_t kEntrySize = sizeof(FileInfo);
 } // namespace
 
-ListReplyBuffer::~ListReplyBuffer() { free(buffer_); }
+ListReplyBuffer::~ListReplyBuffer() {
+    free(buffer_);
+}
 
 ProtocolError ListReplyBuffer::init(uint32_t max_result_count, uint32_t max_reply_size) {
     free(buffer_);
@@ -68,8 +70,7 @@ uint8_t* ListReplyBuffer::finish(uint32_t request_id, uint8_t no_more, size_t* l
     size_t size = names_at + names_size_;
     size_t padded = round_up8(size);
     memset(buffer_ + size, 0, padded - size);
-    encode_reply_header(buffer_, static_cast<uint32_t>(padded), request_id,
-                        ProtocolError::Success);
+    encode_reply_header(buffer_, static_cast<uint32_t>(padded), request_id, ProtocolError::Success);
     store_u32(buffer_ + 8, count_);
     store_u8(buffer_ + 12, no_more ? 1 : 0);
     memset(buffer_ + 13, 0, 3);

@@ -4,6 +4,7 @@ namespace zun {
 
 namespace {
 
+// clang-format off
 constexpr OperationInfo kOperations[kOperationCount] = {
     {L"cancel", kMinimumRequestSize[0], 1},
     {L"disconnect", kMinimumRequestSize[1], 1},
@@ -26,6 +27,7 @@ constexpr OperationInfo kOperations[kOperationCount] = {
     {L"mediainfo", kMinimumRequestSize[18], 2},
     {L"access", kMinimumRequestSize[19], 6},
 };
+// clang-format on
 
 } // namespace
 

@@ -71,8 +71,7 @@ OpenedFileInfo load_opened_file_info(const uint8_t* at) {
 }
 
 // A successful reply at least min_length bytes long; returns its bytes and length.
-const uint8_t* success_reply(const void* message, size_t size, size_t min_length,
-                             size_t* length) {
+const uint8_t* success_reply(const void* message, size_t size, size_t min_length, size_t* length) {
     Reply r;
     if (!decode_reply(message, size, &r) || r.error != ProtocolError::Success ||
         r.size < min_length)
@@ -262,8 +261,7 @@ size_t encode_control(void* out, size_t capacity, uint32_t request_id, const Con
     });
 }
 
-size_t encode_media_info(void* out, size_t capacity, uint32_t request_id,
-                         const OpenIdFields& f) {
+size_t encode_media_info(void* out, size_t capacity, uint32_t request_id, const OpenIdFields& f) {
     return emit(out, capacity, request_id, Operation::MediaInfo, 16,
                 [&](uint8_t* m) { store_u64(m + 8, f.open_id); });
 }
@@ -286,8 +284,7 @@ bool decode_reply(const void* message, size_t size, Reply* out) {
     auto* m = static_cast<const uint8_t*>(message);
     uint32_t length = load_u32(m);
     uint32_t code = load_u32(m + 4);
-    if (!code_word_is_reply(code) || length < 8 || length % 8 != 0 || length > size)
-        return false;
+    if (!code_word_is_reply(code) || length < 8 || length % 8 != 0 || length > size) return false;
     out->size = length;
     out->request_id = code_word_request_id(code);
     out->error = static_cast<ProtocolError>(code_word_field(code));

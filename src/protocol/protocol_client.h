@@ -26,8 +26,8 @@ size_t encode_disconnect(void* out, size_t capacity, uint32_t request_id);
 size_t encode_version(void* out, size_t capacity, uint32_t request_id, uint16_t client_version);
 size_t encode_open(void* out, size_t capacity, uint32_t request_id, const OpenFields& fields,
                    Name name);
-size_t encode_replace(void* out, size_t capacity, uint32_t request_id,
-                      const ReplaceFields& fields, const char* end_name);
+size_t encode_replace(void* out, size_t capacity, uint32_t request_id, const ReplaceFields& fields,
+                      const char* end_name);
 // The name is the source end name, then the target path.
 size_t encode_move(void* out, size_t capacity, uint32_t request_id, const MoveFields& fields,
                    Name name);
@@ -39,24 +39,19 @@ size_t encode_delete(void* out, size_t capacity, uint32_t request_id, const Dele
 size_t encode_close(void* out, size_t capacity, uint32_t request_id, const CloseFields& fields);
 size_t encode_flush(void* out, size_t capacity, uint32_t request_id, const FlushFields& fields);
 size_t encode_list(void* out, size_t capacity, uint32_t request_id, const ListFields& fields);
-size_t encode_list_end(void* out, size_t capacity, uint32_t request_id,
-                       const CloseFields& fields);
+size_t encode_list_end(void* out, size_t capacity, uint32_t request_id, const CloseFields& fields);
 size_t encode_read(void* out, size_t capacity, uint32_t request_id, const ReadFields& fields);
 // The data (fields.data, fields.requested_size bytes) follow the header at 32 + padding.
 size_t encode_write(void* out, size_t capacity, uint32_t request_id, const WriteFields& fields);
-size_t encode_set_size(void* out, size_t capacity, uint32_t request_id,
-                       const CloseFields& fields);
+size_t encode_set_size(void* out, size_t capacity, uint32_t request_id, const CloseFields& fields);
 // Without fields the request is the bare 8-byte header, which asks about open id 0.
-size_t encode_capacity(void* out, size_t capacity, uint32_t request_id,
-                       const OpenIdFields* fields);
+size_t encode_capacity(void* out, size_t capacity, uint32_t request_id, const OpenIdFields* fields);
 size_t encode_flush_media(void* out, size_t capacity, uint32_t request_id);
 // The input (fields.input, fields.input_size bytes) follows the header at 32.
-size_t encode_control(void* out, size_t capacity, uint32_t request_id,
-                      const ControlFields& fields);
+size_t encode_control(void* out, size_t capacity, uint32_t request_id, const ControlFields& fields);
 size_t encode_media_info(void* out, size_t capacity, uint32_t request_id,
                          const OpenIdFields& fields);
-size_t encode_access(void* out, size_t capacity, uint32_t request_id,
-                     const AccessFields& fields);
+size_t encode_access(void* out, size_t capacity, uint32_t request_id, const AccessFields& fields);
 
 // The length of the message whose first bytes are at data: the header's size word, or 0 while
 // fewer than 8 bytes are available. Splits a byte stream into messages.

@@ -24,8 +24,7 @@ void store_trailing_string(uint8_t* out, size_t size, size_t at, const wchar_t* 
 
 } // namespace
 
-void encode_reply_header(uint8_t* reply, uint32_t size, uint32_t request_id,
-                         ProtocolError error) {
+void encode_reply_header(uint8_t* reply, uint32_t size, uint32_t request_id, ProtocolError error) {
     store_u32(reply, size);
     store_u32(reply + 4, reply_code_word(request_id, static_cast<uint32_t>(error)));
 }
@@ -120,8 +119,8 @@ size_t media_info_reply_size(const wchar_t* label) {
     return string_reply_size(kMediaInfoReplyFixedSize, label);
 }
 
-void encode_media_info_reply(uint8_t* out, size_t size, uint32_t request_id,
-                             const MediaInfo* info, const wchar_t* label) {
+void encode_media_info_reply(uint8_t* out, size_t size, uint32_t request_id, const MediaInfo* info,
+                             const wchar_t* label) {
     memset(out, 0, kMediaInfoReplyFixedSize);
     encode_reply_header(out, static_cast<uint32_t>(size), request_id, ProtocolError::Success);
     if (info) {

@@ -58,8 +58,8 @@ bool flush_delay_idle_timeout(int32_t flush_delay, uint32_t* timeout_ms);
 // mediainfo: create time at 8, uuid at 16, id 64 at 32, id 32 at 40, flags at 44, label
 // (UTF-8) from 56. A null info sends zeros.
 size_t media_info_reply_size(const wchar_t* label);
-void encode_media_info_reply(uint8_t* out, size_t size, uint32_t request_id,
-                             const MediaInfo* info, const wchar_t* label);
+void encode_media_info_reply(uint8_t* out, size_t size, uint32_t request_id, const MediaInfo* info,
+                             const wchar_t* label);
 
 struct VersionReplyFields {
     uint32_t volume_flags;

@@ -27,8 +27,8 @@ ProtocolError decode_version(const uint8_t* msg, uint32_t size, VersionFields* o
     return ProtocolError::Success;
 }
 
-ProtocolError decode_open(const uint8_t* msg, uint32_t size, uint32_t request_id,
-                          OpenFields* out, RequestName* name) {
+ProtocolError decode_open(const uint8_t* msg, uint32_t size, uint32_t request_id, OpenFields* out,
+                          RequestName* name) {
     if (too_short(size, Operation::Open)) return ProtocolError::Invalid;
     out->existing_access_level = load_i8(msg + 8);
     out->create_file_type = load_i8(msg + 9);
@@ -50,8 +50,8 @@ ProtocolError decode_replace(const uint8_t* msg, uint32_t size, uint32_t request
     return name->parse(msg, size, request_id, kReplaceNameOffset, 1, 1);
 }
 
-ProtocolError decode_move(const uint8_t* msg, uint32_t size, uint32_t request_id,
-                          MoveFields* out, RequestName* name) {
+ProtocolError decode_move(const uint8_t* msg, uint32_t size, uint32_t request_id, MoveFields* out,
+                          RequestName* name) {
     if (too_short(size, Operation::Move)) return ProtocolError::Invalid;
     out->source_open_id = load_u64(msg + 8);
     out->source_parent_file_id = load_u64(msg + 16);

@@ -135,12 +135,12 @@ ProtocolError decode_version(const uint8_t* msg, uint32_t size, VersionFields* o
 // Names: open takes any number of components, replace and delete exactly one, move at least one
 // (the source end name, then the target path), movereplace exactly two (source and target end
 // names). All fail with Invalid for request id 0.
-ProtocolError decode_open(const uint8_t* msg, uint32_t size, uint32_t request_id,
-                          OpenFields* out, RequestName* name);
+ProtocolError decode_open(const uint8_t* msg, uint32_t size, uint32_t request_id, OpenFields* out,
+                          RequestName* name);
 ProtocolError decode_replace(const uint8_t* msg, uint32_t size, uint32_t request_id,
                              ReplaceFields* out, RequestName* name);
-ProtocolError decode_move(const uint8_t* msg, uint32_t size, uint32_t request_id,
-                          MoveFields* out, RequestName* name);
+ProtocolError decode_move(const uint8_t* msg, uint32_t size, uint32_t request_id, MoveFields* out,
+                          RequestName* name);
 ProtocolError decode_move_replace(const uint8_t* msg, uint32_t size, uint32_t request_id,
                                   MoveReplaceFields* out, RequestName* name);
 ProtocolError decode_delete(const uint8_t* msg, uint32_t size, uint32_t request_id,

@@ -30,8 +30,8 @@ public:
     //
     // Fails with Invalid when start lies beyond the message or the request id is 0 (a request
     // that names a file must be answered), with OutOfMemory when the heap block cannot be had.
-    ProtocolError parse(const uint8_t* message, uint32_t size, uint32_t request_id,
-                        uint32_t start, uint32_t min_count, uint32_t max_count);
+    ProtocolError parse(const uint8_t* message, uint32_t size, uint32_t request_id, uint32_t start,
+                        uint32_t min_count, uint32_t max_count);
 
     const NameComponent* components() const { return components_; }
     size_t count() const { return count_; }

@@ -37,18 +37,18 @@ TEST(ProtocolErrorConversion, EveryPairInTableOrder) {
         uint32_t system;
         ProtocolError code;
     } pairs[] = {
-        {0, ProtocolError::Success},           {1223, ProtocolError::Cancelled},
-        {995, ProtocolError::Cancelled},       {121, ProtocolError::TimedOut},
-        {64, ProtocolError::TimedOut},         {120, ProtocolError::NotImplemented},
-        {87, ProtocolError::Invalid},          {14, ProtocolError::OutOfMemory},
-        {31, ProtocolError::Failed},           {5, ProtocolError::AccessDenied},
-        {2, ProtocolError::NotFound},          {1168, ProtocolError::NotFound},
-        {3, ProtocolError::PathNotFound},      {39, ProtocolError::NoSpace},
-        {112, ProtocolError::NoSpace},         {123, ProtocolError::BadName},
-        {267, ProtocolError::NotAFolder},      {183, ProtocolError::Exists},
-        {80, ProtocolError::Exists},           {38, ProtocolError::EndOfFile},
-        {303, ProtocolError::DeletePending},   {145, ProtocolError::NotEmpty},
-        {11, ProtocolError::Corrupt},          {109, ProtocolError::Disconnected},
+        {0, ProtocolError::Success},         {1223, ProtocolError::Cancelled},
+        {995, ProtocolError::Cancelled},     {121, ProtocolError::TimedOut},
+        {64, ProtocolError::TimedOut},       {120, ProtocolError::NotImplemented},
+        {87, ProtocolError::Invalid},        {14, ProtocolError::OutOfMemory},
+        {31, ProtocolError::Failed},         {5, ProtocolError::AccessDenied},
+        {2, ProtocolError::NotFound},        {1168, ProtocolError::NotFound},
+        {3, ProtocolError::PathNotFound},    {39, ProtocolError::NoSpace},
+        {112, ProtocolError::NoSpace},       {123, ProtocolError::BadName},
+        {267, ProtocolError::NotAFolder},    {183, ProtocolError::Exists},
+        {80, ProtocolError::Exists},         {38, ProtocolError::EndOfFile},
+        {303, ProtocolError::DeletePending}, {145, ProtocolError::NotEmpty},
+        {11, ProtocolError::Corrupt},        {109, ProtocolError::Disconnected},
     };
     for (const auto& p : pairs) {
         bool known = false;
