@@ -7,8 +7,7 @@
 #include <string>
 #include <vector>
 
-// "30 00 00 00 ..." for the bytes; expected texts may group bytes freely, since hex_norm drops
-// every space first.
+// "30000000..." for the bytes. Expected texts group bytes freely: hex_norm drops the spaces.
 inline std::string hex(const void* data, size_t size) {
     static const char digits[] = "0123456789abcdef";
     std::string s;
