@@ -43,6 +43,27 @@ template <typename Unit> struct CountedBuffer {
         count += n;
     }
 
+    // Copies s up to its terminating zero, or up to the first "%" when StopAtPercent is set,
+    // and returns where it stopped. Copying while scanning saves a separate length pass over
+    // the text, which is most of the work for literal text and strings.
+    template <bool StopAtPercent> const Unit* put_text(const Unit* s)
+    {
+        const Unit* p = s;
+        if (count < capacity) {
+            Unit* to = out + count;
+            for (size_t room = capacity - count; room; --room) {
+                Unit c = *p;
+                if (c == 0 || (StopAtPercent && c == '%'))
+                    break;
+                *to++ = c;
+                ++p;
+            }
+        }
+        while (*p != 0 && !(StopAtPercent && *p == '%')) ++p;
+        count += static_cast<size_t>(p - s);
+        return p;
+    }
+
     // Writes one code point in this buffer's encoding.
     void put_code_point(uint32_t cp)
     {

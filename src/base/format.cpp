@@ -45,13 +45,6 @@ struct DigitPairs {
 };
 constexpr DigitPairs digit_pairs;
 
-template <typename Unit> size_t text_units(const Unit* s)
-{
-    const Unit* p = s;
-    while (*p) ++p;
-    return static_cast<size_t>(p - s);
-}
-
 template <typename Src> uint32_t decode(const Src* s, size_t* used)
 {
     if constexpr (sizeof(Src) == 2)
@@ -108,7 +101,7 @@ void put_string(CountedBuffer<Unit>& out, const Directive& d, const Src* s)
         s = &empty;
     if (d.width == 0 && d.precision < 0) {
         if constexpr (sizeof(Unit) == sizeof(Src))
-            out.put_run(reinterpret_cast<const Unit*>(s), text_units(s));
+            out.template put_text<false>(reinterpret_cast<const Unit*>(s));
         else
             put_chars(out, s, SIZE_MAX);
         return;
@@ -287,10 +280,7 @@ size_t vformat(Unit* buffer, size_t capacity, const Unit* f, va_list args)
     va_list ap;
     va_copy(ap, args);
     for (;;) {
-        const Unit* run = f;
-        while (*f != 0 && *f != '%') ++f;
-        if (f != run)
-            out.put_run(run, static_cast<size_t>(f - run));
+        f = out.template put_text<true>(f);
         if (*f == 0)
             break;
         ++f;
