@@ -33,7 +33,9 @@ const Oracles& oracles()
 
 const char* const flag_sets[] = {"", "-", "+", " ", "#", "0", "-+", "- ", "-#", "+ ", "+#", "+0", " #",
                                  " 0", "#0", "-+ #", "+ #0", "0+", "0 ", "0#", "-+ #0", "--", "00", "+-"};
-const char* const widths[] = {"", "1", "5", "12", "30", "*"};
+// Wine's msvcrt sizes its heap buffer for a wide integer field in bytes instead of characters:
+// a width or precision above 22 overruns it, so the fields stay within that.
+const char* const widths[] = {"", "1", "5", "12", "22", "*"};
 const char* const precisions[] = {"", ".", ".0", ".1", ".3", ".8", ".20", ".*"};
 const char* const sizes[] = {"", "h", "l", "ll", "I32", "I64"};
 const char integer_conversions[] = "diuoxX";
@@ -75,7 +77,7 @@ uint64_t sized(uint64_t v, const std::string& size, bool is_signed)
 // The C runtime and the engine agree on an integer directive unless one of the engine's own
 // rules applies: "0" still pads under "-" or a precision, zero keeps its digit under ".0",
 // and "#" prints its prefix for every value (octal: in front of any precision zeros).
-bool integer_rules_agree(const char* flags, const std::string& width, const std::string& precision, const std::string& size, char conversion,
+bool integer_rules_agree(const char* flags, const std::string& precision, const std::string& size, char conversion,
                          uint64_t value)
 {
     bool has_precision = !precision.empty();
@@ -88,10 +90,6 @@ bool integer_rules_agree(const char* flags, const std::string& width, const std:
     if (has(flags, '#') && (conversion == 'x' || conversion == 'X') && magnitude == 0)
         return false;
     if (has(flags, '#') && conversion == 'o' && (magnitude == 0 || has_precision))
-        return false;
-    // Wine's msvcrt overruns its own buffer on wide alternate forms ("%#30llo" of -1 and
-    // "%-+ #30.20x" crash it).
-    if (has(flags, '#') && width == "30")
         return false;
     return true;
 }
@@ -144,7 +142,7 @@ TEST(FormatOracle, IntegerDirectivesAgreeWithTheCRuntime)
                 for (const char* size : sizes)
                     for (const char* c = integer_conversions; *c; ++c)
                         for (uint64_t value : integer_values) {
-                            if (!integer_rules_agree(flags, width, precision, size, *c, value))
+                            if (!integer_rules_agree(flags, precision, size, *c, value))
                                 continue;
                             std::string format = std::string("[%") + flags + width + precision + size + *c + "]";
                             bool star_width = std::string(width) == "*";
