@@ -39,26 +39,9 @@ const char* const widths[] = {"", "1", "5", "12", "22", "*"};
 const char* const precisions[] = {"", ".", ".0", ".1", ".3", ".8", ".20", ".*"};
 const char* const sizes[] = {"", "h", "l", "ll", "I32", "I64"};
 const char integer_conversions[] = "diuoxX";
-const uint64_t integer_values[] = {0,
-                                   1,
-                                   uint64_t(-1),
-                                   7,
-                                   42,
-                                   uint64_t(-42),
-                                   255,
-                                   0x7FFF,
-                                   0x8000,
-                                   0xFFFF,
-                                   0x10000,
-                                   0x7FFFFFFF,
-                                   0x80000000,
-                                   0xFFFFFFFF,
-                                   0x100000000,
-                                   0x0123456789ABCDEF,
-                                   0x7FFFFFFFFFFFFFFF,
-                                   0x8000000000000000,
-                                   1000000007,
-                                   0xFFFFFFFFFFFF0000};
+const uint64_t integer_values[] = {0, 1, uint64_t(-1), 7, 42, uint64_t(-42), 255, 0x7FFF, 0x8000, 0xFFFF, 0x10000,
+                                   0x7FFFFFFF, 0x80000000, 0xFFFFFFFF, 0x100000000, 0x0123456789ABCDEF,
+                                   0x7FFFFFFFFFFFFFFF, 0x8000000000000000, 1000000007, 0xFFFFFFFFFFFF0000};
 
 bool has(const char* s, char c) { return std::string(s).find(c) != std::string::npos; }
 
@@ -110,22 +93,43 @@ struct Mismatches {
 
 std::string narrow(const std::wstring& s) { return std::string(s.begin(), s.end()); }
 
-// Formats once with each engine and its oracle; star arguments come first, as in a call.
-template <typename... Args>
-void compare_both(Mismatches& m, const std::string& format, uint64_t shown, Args... args)
+template <typename... Args> void compare_wide(Mismatches& m, const std::string& format, uint64_t shown, Args... args)
 {
     wchar_t ours[400], theirs[400];
     std::wstring wformat = widen<wchar_t>(format);
     size_t n = text_format(ours, 400, wformat.c_str(), args...);
     int r = oracles().wide(theirs, 400, wformat.c_str(), args...);
-    if (r < 0 || n != size_t(r) || std::wstring(ours) != std::wstring(theirs))
+    if (r < 0 || n != size_t(r) || std::wstring(ours) != theirs)
         m.report(format, shown, "wide engine \"" + narrow(ours) + "\", C runtime \"" + narrow(theirs) + "\"");
+}
 
-    char ours8[400], theirs8[400];
-    n = utf8_format(ours8, 400, format.c_str(), args...);
-    r = oracles().narrow(theirs8, 400, format.c_str(), args...);
-    if (r < 0 || n != size_t(r) || std::string(ours8) != std::string(theirs8))
-        m.report(format, shown, "narrow engine \"" + std::string(ours8) + "\", C runtime \"" + theirs8 + "\"");
+template <typename... Args> void compare_narrow(Mismatches& m, const std::string& format, uint64_t shown, Args... args)
+{
+    char ours[400], theirs[400];
+    size_t n = utf8_format(ours, 400, format.c_str(), args...);
+    int r = oracles().narrow(theirs, 400, format.c_str(), args...);
+    if (r < 0 || n != size_t(r) || std::string(ours) != theirs)
+        m.report(format, shown, "narrow engine \"" + std::string(ours) + "\", C runtime \"" + theirs + "\"");
+}
+
+template <typename... Args> void compare_both(Mismatches& m, const std::string& format, uint64_t shown, Args... args)
+{
+    compare_wide(m, format, shown, args...);
+    compare_narrow(m, format, shown, args...);
+}
+
+// Star arguments come first, as in a call: 9 for a "*" width, 4 for a ".*" precision.
+template <typename Compare, typename Arg>
+void with_stars(Compare compare, const std::string& width, const std::string& precision, Arg arg)
+{
+    if (width == "*" && precision == ".*")
+        compare(9ull, 4ull, arg);
+    else if (width == "*")
+        compare(9ull, arg);
+    else if (precision == ".*")
+        compare(4ull, arg);
+    else
+        compare(arg);
 }
 
 } // namespace
@@ -145,16 +149,8 @@ TEST(FormatOracle, IntegerDirectivesAgreeWithTheCRuntime)
                             if (!integer_rules_agree(flags, precision, size, *c, value))
                                 continue;
                             std::string format = std::string("[%") + flags + width + precision + size + *c + "]";
-                            bool star_width = std::string(width) == "*";
-                            bool star_precision = std::string(precision) == ".*";
-                            if (star_width && star_precision)
-                                compare_both(m, format, value, 9ull, 4ull, value);
-                            else if (star_width)
-                                compare_both(m, format, value, 9ull, value);
-                            else if (star_precision)
-                                compare_both(m, format, value, 4ull, value);
-                            else
-                                compare_both(m, format, value, value);
+                            with_stars([&](auto... args) { compare_both(m, format, value, args...); }, width,
+                                       precision, value);
                             ++compared;
                         }
     EXPECT_GT(compared, 100000u);
@@ -167,55 +163,28 @@ TEST(FormatOracle, StringDirectivesAgreeWithTheCRuntime)
     // stops after precision characters: they agree unless the text is longer than a
     // precision that is below the width. "0" pads strings only in the C runtime.
     const char* const texts[] = {"", "a", "abc", "hello world", "twenty-six characters long"};
-    const char* const string_conversions[] = {"s", "hs", "ls", "S"};
     const char* const string_flags[] = {"", "-", "+", " ", "#", "-#", "+ "};
     Mismatches m;
     for (const char* flags : string_flags)
-        for (const char* width : widths)
-            for (const char* precision : precisions)
-                for (const char* conversion : string_conversions)
+        for (std::string width : widths)
+            for (std::string precision : precisions)
+                for (std::string conversion : {"s", "hs", "ls", "S"})
                     for (const char* text : texts) {
-                        std::string w = width, p = precision;
-                        size_t width_value = w == "*" ? 9 : w.empty() ? 0 : std::stoul(w);
-                        bool has_precision = !p.empty();
-                        size_t precision_value = p == ".*" ? 4 : p.size() > 1 ? std::stoul(p.substr(1)) : 0;
-                        if (has_precision && precision_value < width_value && strlen(text) > precision_value)
+                        size_t width_value = width == "*" ? 9 : width.empty() ? 0 : std::stoul(width);
+                        size_t precision_value =
+                            precision == ".*" ? 4 : precision.size() > 1 ? std::stoul(precision.substr(1)) : 0;
+                        if (!precision.empty() && precision_value < width_value && strlen(text) > precision_value)
                             continue;
                         std::string format = std::string("<%") + flags + width + precision + conversion + ">";
+                        // Each engine gets the string in the encoding the directive asks of it.
                         std::wstring wide_text = widen<wchar_t>(text);
-                        // Each engine gets the string in the encoding the directive asks for.
-                        auto wide_arg = [&](const std::string& conv, bool wide_engine) -> const void* {
-                            bool wants_wide = conv == "ls" || (conv == "s" && wide_engine) || (conv == "S" && !wide_engine);
-                            return wants_wide ? static_cast<const void*>(wide_text.c_str()) : text;
-                        };
-                        std::wstring wformat = widen<wchar_t>(format);
-                        wchar_t ours[200], theirs[200];
-                        char ours8[200], theirs8[200];
-                        const void* warg = wide_arg(conversion, true);
-                        const void* narg = wide_arg(conversion, false);
-                        size_t n, n8;
-                        int r, r8;
-                        if (w == "*" && p == ".*") {
-                            n = text_format(ours, 200, wformat.c_str(), 9, 4, warg);
-                            r = oracles().wide(theirs, 200, wformat.c_str(), 9, 4, warg);
-                            n8 = utf8_format(ours8, 200, format.c_str(), 9, 4, narg);
-                            r8 = oracles().narrow(theirs8, 200, format.c_str(), 9, 4, narg);
-                        } else if (w == "*" || p == ".*") {
-                            int star = w == "*" ? 9 : 4;
-                            n = text_format(ours, 200, wformat.c_str(), star, warg);
-                            r = oracles().wide(theirs, 200, wformat.c_str(), star, warg);
-                            n8 = utf8_format(ours8, 200, format.c_str(), star, narg);
-                            r8 = oracles().narrow(theirs8, 200, format.c_str(), star, narg);
-                        } else {
-                            n = text_format(ours, 200, wformat.c_str(), warg);
-                            r = oracles().wide(theirs, 200, wformat.c_str(), warg);
-                            n8 = utf8_format(ours8, 200, format.c_str(), narg);
-                            r8 = oracles().narrow(theirs8, 200, format.c_str(), narg);
-                        }
-                        if (r < 0 || n != size_t(r) || std::wstring(ours) != theirs)
-                            m.report(format, 0, "wide engine \"" + narrow(ours) + "\", C runtime \"" + narrow(theirs) + "\"");
-                        if (r8 < 0 || n8 != size_t(r8) || std::string(ours8) != theirs8)
-                            m.report(format, 0, "narrow engine \"" + std::string(ours8) + "\", C runtime \"" + theirs8 + "\"");
+                        bool wide_for_wide = conversion == "ls" || conversion == "s";
+                        bool wide_for_narrow = conversion == "ls" || conversion == "S";
+                        const void* wide_arg = wide_for_wide ? static_cast<const void*>(wide_text.c_str()) : text;
+                        const void* narrow_arg = wide_for_narrow ? static_cast<const void*>(wide_text.c_str()) : text;
+                        with_stars([&](auto... args) { compare_wide(m, format, 0, args...); }, width, precision, wide_arg);
+                        with_stars([&](auto... args) { compare_narrow(m, format, 0, args...); }, width, precision,
+                                   narrow_arg);
                     }
     EXPECT_EQ(m.count, 0);
 }

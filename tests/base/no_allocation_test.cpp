@@ -20,20 +20,12 @@ namespace {
 long allocations = 0;
 
 decltype(&HeapAlloc) real_heap_alloc;
-decltype(&HeapReAlloc) real_heap_realloc;
-decltype(&LocalAlloc) real_local_alloc;
-decltype(&GlobalAlloc) real_global_alloc;
-decltype(&VirtualAlloc) real_virtual_alloc;
 void*(__cdecl* real_malloc)(size_t);
 void*(__cdecl* real_calloc)(size_t, size_t);
 void*(__cdecl* real_realloc)(void*, size_t);
 void*(NTAPI* real_rtl_allocate_heap)(void*, ULONG, SIZE_T);
 
 LPVOID WINAPI counting_heap_alloc(HANDLE h, DWORD f, SIZE_T n) { return ++allocations, real_heap_alloc(h, f, n); }
-LPVOID WINAPI counting_heap_realloc(HANDLE h, DWORD f, LPVOID p, SIZE_T n) { return ++allocations, real_heap_realloc(h, f, p, n); }
-HLOCAL WINAPI counting_local_alloc(UINT f, SIZE_T n) { return ++allocations, real_local_alloc(f, n); }
-HGLOBAL WINAPI counting_global_alloc(UINT f, SIZE_T n) { return ++allocations, real_global_alloc(f, n); }
-LPVOID WINAPI counting_virtual_alloc(LPVOID a, SIZE_T n, DWORD t, DWORD p) { return ++allocations, real_virtual_alloc(a, n, t, p); }
 void* __cdecl counting_malloc(size_t n) { return ++allocations, real_malloc(n); }
 void* __cdecl counting_calloc(size_t c, size_t n) { return ++allocations, real_calloc(c, n); }
 void* __cdecl counting_realloc(void* p, size_t n) { return ++allocations, real_realloc(p, n); }
@@ -48,10 +40,6 @@ struct Hook {
 
 Hook hooks[] = {
     {"HeapAlloc", reinterpret_cast<void*>(counting_heap_alloc), reinterpret_cast<void**>(&real_heap_alloc), nullptr},
-    {"HeapReAlloc", reinterpret_cast<void*>(counting_heap_realloc), reinterpret_cast<void**>(&real_heap_realloc), nullptr},
-    {"LocalAlloc", reinterpret_cast<void*>(counting_local_alloc), reinterpret_cast<void**>(&real_local_alloc), nullptr},
-    {"GlobalAlloc", reinterpret_cast<void*>(counting_global_alloc), reinterpret_cast<void**>(&real_global_alloc), nullptr},
-    {"VirtualAlloc", reinterpret_cast<void*>(counting_virtual_alloc), reinterpret_cast<void**>(&real_virtual_alloc), nullptr},
     {"malloc", reinterpret_cast<void*>(counting_malloc), reinterpret_cast<void**>(&real_malloc), nullptr},
     {"calloc", reinterpret_cast<void*>(counting_calloc), reinterpret_cast<void**>(&real_calloc), nullptr},
     {"realloc", reinterpret_cast<void*>(counting_realloc), reinterpret_cast<void**>(&real_realloc), nullptr},

@@ -25,35 +25,18 @@ TEST(ValueWords, ParsesWordsAndNumbers)
         int64_t value;
         uint32_t style;
     } const cases[] = {
-        {L" \tEnabled \r\n", 1, value_enabled_disabled},
-        {L"0x1f", 31, value_hex},
-        {L"-12", -12, value_signed},
-        {L"onward", 1, value_on_off},
-        {L"OFF", 0, value_on_off},
-        {L"o", 0, 0},
-        {L"d", 0, value_e_d},
-        {L"Disable", 0, value_enable_disable},
-        {L"disabled", 0, value_enabled_disabled},
-        {L"E", 1, value_e_d},
-        {L"enable it", 1, value_enable_disable},
-        {L"f", 0, value_t_f},
-        {L"False", 0, value_true_false},
-        {L"n", 0, value_y_n},
-        {L"nope", 0, value_yes_no},
-        {L"T", 1, value_t_f},
-        {L"trueness", 1, value_true_false},
-        {L"y", 1, value_y_n},
-        {L"YES", 1, value_yes_no},
-        {L"", 0, 0},
-        {L"  \v ", 0, 0},
+        {L" \tEnabled \r\n", 1, value_enabled_disabled}, {L"0x1f", 31, value_hex}, {L"-12", -12, value_signed},
+        {L"onward", 1, value_on_off}, {L"OFF", 0, value_on_off}, {L"o", 0, 0}, {L"d", 0, value_e_d},
+        {L"Disable", 0, value_enable_disable}, {L"disabled", 0, value_enabled_disabled}, {L"E", 1, value_e_d},
+        {L"enable it", 1, value_enable_disable}, {L"f", 0, value_t_f}, {L"False", 0, value_true_false},
+        {L"n", 0, value_y_n}, {L"nope", 0, value_yes_no}, {L"T", 1, value_t_f}, {L"trueness", 1, value_true_false},
+        {L"y", 1, value_y_n}, {L"YES", 1, value_yes_no}, {L"", 0, 0}, {L"  \v ", 0, 0},
         {L"\f1", 0, 0}, // a form feed is not a blank
-        {L"+42", 42, 0},
-        {L"-0X1F", -31, value_hex | value_signed},
+        {L"+42", 42, 0}, {L"-0X1F", -31, value_hex | value_signed},
         {L"0x", 0, 0},    // too short for hexadecimal: the decimal 0
         {L"0xg1", 0, 0},  // no hexadecimal digit after the prefix
         {L"12ab", 12, 0}, // digits stop at the first other character
-        {L"18446744073709551615", -1, 0},
-        {L"x1", 0, 0},
+        {L"18446744073709551615", -1, 0}, {L"x1", 0, 0},
     };
     for (const Case& c : cases) {
         uint32_t style = 0xDEAD;
