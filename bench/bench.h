@@ -12,8 +12,7 @@
 
 namespace bench {
 
-inline double now_ns()
-{
+inline double now_ns() {
     static const double ns_per_tick = [] {
         LARGE_INTEGER f;
         QueryPerformanceFrequency(&f);
@@ -25,8 +24,7 @@ inline double now_ns()
 }
 
 // Keeps a result alive so that the compiler cannot drop the work that made it.
-inline void keep(size_t value)
-{
+inline void keep(size_t value) {
     static volatile size_t sink;
     sink = sink + value;
 }
@@ -34,14 +32,12 @@ inline void keep(size_t value)
 // The best time per call of `op` over `rounds` rounds. The iteration count of a round is
 // doubled until a round lasts at least `round_ns`, so short operations are not drowned by the
 // timer's resolution; the best round is the one least disturbed by the rest of the machine.
-template <typename Op> double best_ns_per_op(Op&& op, int rounds = 9, double round_ns = 20e6)
-{
+template <typename Op> double best_ns_per_op(Op&& op, int rounds = 9, double round_ns = 20e6) {
     size_t iterations = 1;
     for (;;) {
         double start = now_ns();
         for (size_t i = 0; i < iterations; ++i) op();
-        if (now_ns() - start >= round_ns || iterations >= (size_t(1) << 40))
-            break;
+        if (now_ns() - start >= round_ns || iterations >= (size_t(1) << 40)) break;
         iterations *= 2;
     }
     double best = 1e300;
@@ -49,34 +45,31 @@ template <typename Op> double best_ns_per_op(Op&& op, int rounds = 9, double rou
         double start = now_ns();
         for (size_t i = 0; i < iterations; ++i) op();
         double per_op = (now_ns() - start) / static_cast<double>(iterations);
-        if (per_op < best)
-            best = per_op;
+        if (per_op < best) best = per_op;
     }
     return best;
 }
 
 // Fixed-point text of a non-negative value with the given number of decimals.
-inline size_t decimal_text(char* out, size_t capacity, double value, unsigned decimals)
-{
+inline size_t decimal_text(char* out, size_t capacity, double value, unsigned decimals) {
     uint64_t scale = 1;
     for (unsigned i = 0; i < decimals; ++i) scale *= 10;
     uint64_t scaled = static_cast<uint64_t>(value * static_cast<double>(scale) + 0.5);
-    if (decimals == 0)
-        return utf8_format(out, capacity, "%I64u", scaled);
-    return utf8_format(out, capacity, "%I64u.%0*I64u", scaled / scale, static_cast<int>(decimals), scaled % scale);
+    if (decimals == 0) return utf8_format(out, capacity, "%I64u", scaled);
+    return utf8_format(out, capacity, "%I64u.%0*I64u", scaled / scale, static_cast<int>(decimals),
+                       scaled % scale);
 }
 
-inline void report(const char* name, double ours_ns, double baseline_ns)
-{
+inline void report(const char* name, double ours_ns, double baseline_ns) {
     char ours[32], baseline[32], ratio[32], line[256];
     decimal_text(ours, sizeof ours, ours_ns, 1);
     decimal_text(baseline, sizeof baseline, baseline_ns, 1);
     decimal_text(ratio, sizeof ratio, baseline_ns / ours_ns, 2);
-    size_t n = utf8_format(line, sizeof line, "%s: ours %s ns/op, baseline %s ns/op, ratio %sx\r\n", name, ours,
-                           baseline, ratio);
+    size_t n = utf8_format(line, sizeof line, "%s: ours %s ns/op, baseline %s ns/op, ratio %sx\r\n",
+                           name, ours, baseline, ratio);
     DWORD written;
-    WriteFile(GetStdHandle(STD_OUTPUT_HANDLE), line, static_cast<DWORD>(n < sizeof line ? n : sizeof line - 1),
-              &written, nullptr);
+    WriteFile(GetStdHandle(STD_OUTPUT_HANDLE), line,
+              static_cast<DWORD>(n < sizeof line ? n : sizeof line - 1), &written, nullptr);
 }
 
 } // namespace bench

@@ -9,5 +9,6 @@
 // zero, stores bytes while they fit and returns how many the whole text gives.
 size_t text_base64_encode(wchar_t* out, size_t capacity, const void* data, size_t size);
 size_t utf8_base64_encode(char* out, size_t capacity, const void* data, size_t size);
-size_t text_base64_decode(void* out, size_t capacity, const wchar_t* text, size_t length = SIZE_MAX);
+size_t text_base64_decode(void* out, size_t capacity, const wchar_t* text,
+                          size_t length = SIZE_MAX);
 size_t utf8_base64_decode(void* out, size_t capacity, const char* text, size_t length = SIZE_MAX);

@@ -17,15 +17,12 @@ template <typename Unit> struct CountedBuffer {
 
     CountedBuffer(Unit* buffer, size_t units) : out(buffer), capacity(buffer ? units : 0) {}
 
-    void put(Unit unit)
-    {
-        if (count < capacity)
-            out[count] = unit;
+    void put(Unit unit) {
+        if (count < capacity) out[count] = unit;
         ++count;
     }
 
-    void put_run(const Unit* units, size_t n)
-    {
+    void put_run(const Unit* units, size_t n) {
         if (count < capacity) {
             size_t room = capacity - count;
             memcpy(out + count, units, (n < room ? n : room) * sizeof(Unit));
@@ -33,8 +30,7 @@ template <typename Unit> struct CountedBuffer {
         count += n;
     }
 
-    void fill(Unit unit, size_t n)
-    {
+    void fill(Unit unit, size_t n) {
         if (count < capacity) {
             size_t room = capacity - count;
             Unit* p = out + count;
@@ -46,15 +42,13 @@ template <typename Unit> struct CountedBuffer {
     // Copies s up to its terminating zero, or up to the first "%" when StopAtPercent is set,
     // and returns where it stopped. Copying while scanning saves a separate length pass over
     // the text, which is most of the work for literal text and strings.
-    template <bool StopAtPercent> const Unit* put_text(const Unit* s)
-    {
+    template <bool StopAtPercent> const Unit* put_text(const Unit* s) {
         const Unit* p = s;
         if (count < capacity) {
             Unit* to = out + count;
             for (size_t room = capacity - count; room; --room) {
                 Unit c = *p;
-                if (c == 0 || (StopAtPercent && c == '%'))
-                    break;
+                if (c == 0 || (StopAtPercent && c == '%')) break;
                 *to++ = c;
                 ++p;
             }
@@ -65,8 +59,7 @@ template <typename Unit> struct CountedBuffer {
     }
 
     // Writes one code point in this buffer's encoding.
-    void put_code_point(uint32_t cp)
-    {
+    void put_code_point(uint32_t cp) {
         if constexpr (sizeof(Unit) == 2) {
             if (cp < 0x10000) {
                 put(static_cast<Unit>(cp));
@@ -84,10 +77,8 @@ template <typename Unit> struct CountedBuffer {
         }
     }
 
-    size_t finish()
-    {
-        if (capacity)
-            out[count < capacity ? count : capacity - 1] = 0;
+    size_t finish() {
+        if (capacity) out[count < capacity ? count : capacity - 1] = 0;
         return count;
     }
 };

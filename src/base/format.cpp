@@ -23,9 +23,9 @@ constexpr size_t width_limit = 0x7FFFFFFF;
 struct Directive {
     unsigned flags = 0;
     size_t width = 0;
-    int64_t precision = -1; // -1: none given
-    unsigned int_bits = 0;  // 0: no size prefix
-    unsigned char_bits = 0; // 0: the conversion's own width
+    int64_t precision = -1;    // -1: none given
+    unsigned int_bits = 0;     // 0: no size prefix
+    unsigned char_bits = 0;    // 0: the conversion's own width
     bool wide_integer = false; // "ll", "Ll" or "I64": character conversions write nothing
 };
 
@@ -35,8 +35,7 @@ constexpr char digits_upper[] = "0123456789ABCDEF0X";
 
 struct DigitPairs {
     char text[200];
-    constexpr DigitPairs() : text()
-    {
+    constexpr DigitPairs() : text() {
         for (int i = 0; i < 100; ++i) {
             text[2 * i] = static_cast<char>('0' + i / 10);
             text[2 * i + 1] = static_cast<char>('0' + i % 10);
@@ -45,8 +44,7 @@ struct DigitPairs {
 };
 constexpr DigitPairs digit_pairs;
 
-template <typename Src> uint32_t decode(const Src* s, size_t* used)
-{
+template <typename Src> uint32_t decode(const Src* s, size_t* used) {
     if constexpr (sizeof(Src) == 2)
         return utf16_decode(s, SIZE_MAX, used);
     else
@@ -54,8 +52,7 @@ template <typename Src> uint32_t decode(const Src* s, size_t* used)
 }
 
 // Counts the characters of s, stopping at its end or at `limit`.
-template <typename Src> size_t count_chars(const Src* s, size_t limit)
-{
+template <typename Src> size_t count_chars(const Src* s, size_t limit) {
     size_t n = 0;
     while (n < limit && *s) {
         size_t used;
@@ -70,8 +67,7 @@ template <typename Src> size_t count_chars(const Src* s, size_t limit)
 // own encoding is copied unit for unit (a lone surrogate stays what it was); text in the other
 // encoding is transcoded character by character.
 template <typename Unit, typename Src>
-size_t put_chars(CountedBuffer<Unit>& out, const Src* s, size_t limit)
-{
+size_t put_chars(CountedBuffer<Unit>& out, const Src* s, size_t limit) {
     size_t n = 0;
     if constexpr (sizeof(Unit) == sizeof(Src)) {
         const Src* p = s;
@@ -94,11 +90,9 @@ size_t put_chars(CountedBuffer<Unit>& out, const Src* s, size_t limit)
 // Padding is width minus the text's length in characters; with a precision the whole field
 // (padding and text together) stops after max(width, precision) characters.
 template <typename Unit, typename Src>
-void put_string(CountedBuffer<Unit>& out, const Directive& d, const Src* s)
-{
+void put_string(CountedBuffer<Unit>& out, const Directive& d, const Src* s) {
     static const Src empty = 0;
-    if (!s)
-        s = &empty;
+    if (!s) s = &empty;
     if (d.width == 0 && d.precision < 0) {
         if constexpr (sizeof(Unit) == sizeof(Src))
             out.template put_text<false>(reinterpret_cast<const Unit*>(s));
@@ -110,7 +104,8 @@ void put_string(CountedBuffer<Unit>& out, const Directive& d, const Src* s)
     size_t padding = d.width > length ? d.width - length : 0;
     size_t limit = SIZE_MAX;
     if (d.precision >= 0)
-        limit = d.width > static_cast<uint64_t>(d.precision) ? d.width : static_cast<size_t>(d.precision);
+        limit = d.width > static_cast<uint64_t>(d.precision) ? d.width
+                                                             : static_cast<size_t>(d.precision);
     if (d.flags & flag_left) {
         limit -= put_chars(out, s, limit);
         out.fill(' ', padding < limit ? padding : limit);
@@ -123,8 +118,7 @@ void put_string(CountedBuffer<Unit>& out, const Directive& d, const Src* s)
 
 template <typename Unit>
 void put_integer(CountedBuffer<Unit>& out, const Directive& d, uint64_t value, unsigned base,
-                 const char* digits, char sign)
-{
+                 const char* digits, char sign) {
     Unit text[24];
     Unit* end = text + 24;
     Unit* p = end;
@@ -157,36 +151,28 @@ void put_integer(CountedBuffer<Unit>& out, const Directive& d, uint64_t value, u
     }
     int64_t count = end - p;
     int64_t prefix = 0;
-    if (d.flags & flag_alternate)
-        prefix = base == 16 ? 2 : base == 8 ? 1 : 0;
+    if (d.flags & flag_alternate) prefix = base == 16 ? 2 : base == 8 ? 1 : 0;
     int64_t precision = d.precision < 0 ? 0 : d.precision;
     int64_t zeros = precision > count ? precision - count : 0;
     int64_t padding = static_cast<int64_t>(d.width) - (precision > count ? precision : count) -
                       (sign ? 1 : 0) - prefix;
-    if (padding < 0)
-        padding = 0;
+    if (padding < 0) padding = 0;
     if (d.flags & flag_zero) {
-        if (padding > zeros)
-            zeros = padding;
+        if (padding > zeros) zeros = padding;
         padding = 0;
     }
-    if (!(d.flags & flag_left))
-        out.fill(' ', static_cast<size_t>(padding));
-    if (sign)
-        out.put(sign);
+    if (!(d.flags & flag_left)) out.fill(' ', static_cast<size_t>(padding));
+    if (sign) out.put(sign);
     if (prefix) {
         out.put(digits[16]);
-        if (prefix == 2)
-            out.put(digits[17]);
+        if (prefix == 2) out.put(digits[17]);
     }
     out.fill('0', static_cast<size_t>(zeros));
     out.put_run(p, static_cast<size_t>(count));
-    if (d.flags & flag_left)
-        out.fill(' ', static_cast<size_t>(padding));
+    if (d.flags & flag_left) out.fill(' ', static_cast<size_t>(padding));
 }
 
-char* put_decimal(char* p, uint64_t value, int digits)
-{
+char* put_decimal(char* p, uint64_t value, int digits) {
     char* end = p + digits;
     for (char* q = end; q > p;) {
         *--q = static_cast<char>('0' + value % 10);
@@ -197,28 +183,24 @@ char* put_decimal(char* p, uint64_t value, int digits)
 
 // Proleptic Gregorian, no time zone. Counting days from 1600-03-01 puts the leap day at the
 // end of each year, so months follow the 153-day five-month pattern.
-size_t stamp_text(char* text, uint64_t stamp, bool milliseconds)
-{
+size_t stamp_text(char* text, uint64_t stamp, bool milliseconds) {
     uint64_t days = stamp / 864000000000ull + 306;
     uint32_t ms_of_day = static_cast<uint32_t>(stamp / 10000 % 86400000);
     uint64_t cycles = days / 146097;
     uint32_t day = static_cast<uint32_t>(days % 146097);
     uint32_t centuries = day / 36524;
-    if (centuries > 3)
-        centuries = 3;
+    if (centuries > 3) centuries = 3;
     day -= centuries * 36524;
     uint32_t quads = day / 1461;
     day %= 1461;
     uint32_t years = day / 365;
-    if (years > 3)
-        years = 3;
+    if (years > 3) years = 3;
     day -= years * 365;
     uint64_t year = 1600 + cycles * 400 + centuries * 100 + quads * 4 + years;
     uint32_t march_month = (5 * day + 2) / 153;
     uint32_t mday = day - (153 * march_month + 2) / 5 + 1;
     uint32_t month = march_month < 10 ? march_month + 3 : march_month - 9;
-    if (month <= 2)
-        ++year;
+    if (month <= 2) ++year;
 
     char* p = put_decimal(text, year, year > 9999 ? 5 : 4);
     *p++ = '-';
@@ -239,8 +221,7 @@ size_t stamp_text(char* text, uint64_t stamp, bool milliseconds)
     return static_cast<size_t>(p - text);
 }
 
-char* put_hex(char* p, uint32_t value, int digits, const char* table)
-{
+char* put_hex(char* p, uint32_t value, int digits, const char* table) {
     for (int i = digits - 1; i >= 0; --i) {
         p[i] = table[value & 15];
         value >>= 4;
@@ -248,8 +229,7 @@ char* put_hex(char* p, uint32_t value, int digits, const char* table)
     return p + digits;
 }
 
-void uuid_text(char* text, const uint8_t* g, const char* table)
-{
+void uuid_text(char* text, const uint8_t* g, const char* table) {
     uint32_t data1 = g[0] | g[1] << 8 | g[2] << 16 | static_cast<uint32_t>(g[3]) << 24;
     char* p = put_hex(text, data1, 8, table);
     *p++ = '-';
@@ -263,26 +243,27 @@ void uuid_text(char* text, const uint8_t* g, const char* table)
     *p = 0;
 }
 
-inline bool is_digit(uint32_t c) { return c - '0' < 10; }
+inline bool is_digit(uint32_t c) {
+    return c - '0' < 10;
+}
 
 // Every argument occupies one 64-bit slot of the list; narrower integers are its low bits.
-inline uint64_t next_slot(va_list& ap) { return va_arg(ap, unsigned long long); }
+inline uint64_t next_slot(va_list& ap) {
+    return va_arg(ap, unsigned long long);
+}
 
 template <typename Unit>
-size_t vformat(Unit* buffer, size_t capacity, const Unit* f, va_list args)
-{
+size_t vformat(Unit* buffer, size_t capacity, const Unit* f, va_list args) {
     constexpr unsigned own_bits = sizeof(Unit) == 2 ? 16 : 8;
     constexpr unsigned other_bits = sizeof(Unit) == 2 ? 8 : 16;
 
     CountedBuffer<Unit> out(buffer, capacity);
-    if (!f)
-        return out.finish();
+    if (!f) return out.finish();
     va_list ap;
     va_copy(ap, args);
     for (;;) {
         f = out.template put_text<true>(f);
-        if (*f == 0)
-            break;
+        if (*f == 0) break;
         ++f;
         if (*f == '%') {
             out.put('%');
@@ -312,8 +293,7 @@ size_t vformat(Unit* buffer, size_t capacity, const Unit* f, va_list args)
         } else {
             for (; is_digit(*f); ++f) {
                 d.width = d.width * 10 + (*f - '0');
-                if (d.width > width_limit)
-                    d.width = width_limit;
+                if (d.width > width_limit) d.width = width_limit;
             }
         }
         if (*f == '.') {
@@ -326,8 +306,7 @@ size_t vformat(Unit* buffer, size_t capacity, const Unit* f, va_list args)
                 d.precision = 0;
                 for (; is_digit(*f); ++f) {
                     d.precision = d.precision * 10 + (*f - '0');
-                    if (d.precision > static_cast<int64_t>(width_limit))
-                        d.precision = width_limit;
+                    if (d.precision > static_cast<int64_t>(width_limit)) d.precision = width_limit;
                 }
             }
         }
@@ -378,10 +357,18 @@ size_t vformat(Unit* buffer, size_t capacity, const Unit* f, va_list args)
             uint64_t raw = next_slot(ap);
             int64_t value;
             switch (d.int_bits) {
-            case 8: value = static_cast<int8_t>(raw); break;
-            case 16: value = static_cast<int16_t>(raw); break;
-            case 64: value = static_cast<int64_t>(raw); break;
-            default: value = static_cast<int32_t>(raw); break;
+            case 8:
+                value = static_cast<int8_t>(raw);
+                break;
+            case 16:
+                value = static_cast<int16_t>(raw);
+                break;
+            case 64:
+                value = static_cast<int64_t>(raw);
+                break;
+            default:
+                value = static_cast<int32_t>(raw);
+                break;
             }
             char sign = 0;
             uint64_t magnitude = static_cast<uint64_t>(value);
@@ -402,10 +389,17 @@ size_t vformat(Unit* buffer, size_t capacity, const Unit* f, va_list args)
         case 'X': {
             uint64_t value = next_slot(ap);
             switch (d.int_bits) {
-            case 8: value &= 0xFF; break;
-            case 16: value &= 0xFFFF; break;
-            case 64: break;
-            default: value &= 0xFFFFFFFF; break;
+            case 8:
+                value &= 0xFF;
+                break;
+            case 16:
+                value &= 0xFFFF;
+                break;
+            case 64:
+                break;
+            default:
+                value &= 0xFFFFFFFF;
+                break;
             }
             unsigned base = conversion == 'u' ? 10 : conversion == 'o' ? 8 : 16;
             put_integer(out, d, value, base, conversion == 'X' ? digits_upper : digits_lower, 0);
@@ -413,7 +407,8 @@ size_t vformat(Unit* buffer, size_t capacity, const Unit* f, va_list args)
         }
         case 'p':
         case 'P':
-            put_integer(out, d, next_slot(ap), 16, conversion == 'P' ? digits_upper : digits_lower, 0);
+            put_integer(out, d, next_slot(ap), 16, conversion == 'P' ? digits_upper : digits_lower,
+                        0);
             break;
         case 'c':
         case 'w':
@@ -423,11 +418,12 @@ size_t vformat(Unit* buffer, size_t capacity, const Unit* f, va_list args)
             if (conversion == 'C') {
                 bits = other_bits;
             } else {
-                if (d.wide_integer)
-                    break;
+                if (d.wide_integer) break;
                 bits = d.char_bits ? d.char_bits : conversion == 'w' ? 16 : own_bits;
             }
-            out.put_code_point(bits == 8 ? raw & 0xFF : bits == 16 ? raw & 0xFFFF : static_cast<uint32_t>(raw));
+            out.put_code_point(bits == 8    ? raw & 0xFF
+                               : bits == 16 ? raw & 0xFFFF
+                                            : static_cast<uint32_t>(raw));
             break;
         }
         case 's':
@@ -442,13 +438,20 @@ size_t vformat(Unit* buffer, size_t capacity, const Unit* f, va_list args)
         }
         case 'n': {
             void* target = va_arg(ap, void*);
-            if (!target)
-                break;
+            if (!target) break;
             switch (d.int_bits ? d.int_bits : 64) {
-            case 8: *static_cast<uint8_t*>(target) = static_cast<uint8_t>(out.count); break;
-            case 16: *static_cast<uint16_t*>(target) = static_cast<uint16_t>(out.count); break;
-            case 32: *static_cast<uint32_t*>(target) = static_cast<uint32_t>(out.count); break;
-            default: *static_cast<uint64_t*>(target) = out.count; break;
+            case 8:
+                *static_cast<uint8_t*>(target) = static_cast<uint8_t>(out.count);
+                break;
+            case 16:
+                *static_cast<uint16_t*>(target) = static_cast<uint16_t>(out.count);
+                break;
+            case 32:
+                *static_cast<uint32_t*>(target) = static_cast<uint32_t>(out.count);
+                break;
+            default:
+                *static_cast<uint64_t*>(target) = out.count;
+                break;
             }
             break;
         }
@@ -489,8 +492,7 @@ size_t vformat(Unit* buffer, size_t capacity, const Unit* f, va_list args)
 // Formats into a 100-unit stack buffer first; only a longer text is formatted a second time,
 // straight into its block.
 template <typename Allocate>
-wchar_t* vformat_alloc(const wchar_t* format, va_list args, Allocate allocate)
-{
+wchar_t* vformat_alloc(const wchar_t* format, va_list args, Allocate allocate) {
     wchar_t first[100];
     va_list again;
     va_copy(again, args);
@@ -510,13 +512,11 @@ wchar_t* vformat_alloc(const wchar_t* format, va_list args, Allocate allocate)
 
 } // namespace
 
-size_t text_vformat(wchar_t* out, size_t capacity, const wchar_t* format, va_list args)
-{
+size_t text_vformat(wchar_t* out, size_t capacity, const wchar_t* format, va_list args) {
     return vformat(out, capacity, format, args);
 }
 
-size_t text_format(wchar_t* out, size_t capacity, const wchar_t* format, ...)
-{
+size_t text_format(wchar_t* out, size_t capacity, const wchar_t* format, ...) {
     va_list args;
     va_start(args, format);
     size_t count = vformat(out, capacity, format, args);
@@ -524,13 +524,11 @@ size_t text_format(wchar_t* out, size_t capacity, const wchar_t* format, ...)
     return count;
 }
 
-size_t utf8_vformat(char* out, size_t capacity, const char* format, va_list args)
-{
+size_t utf8_vformat(char* out, size_t capacity, const char* format, va_list args) {
     return vformat(out, capacity, format, args);
 }
 
-size_t utf8_format(char* out, size_t capacity, const char* format, ...)
-{
+size_t utf8_format(char* out, size_t capacity, const char* format, ...) {
     va_list args;
     va_start(args, format);
     size_t count = vformat(out, capacity, format, args);
@@ -538,13 +536,12 @@ size_t utf8_format(char* out, size_t capacity, const char* format, ...)
     return count;
 }
 
-wchar_t* text_vformat_alloc(const wchar_t* format, va_list args)
-{
-    return vformat_alloc(format, args, [](size_t bytes) { return HeapAlloc(GetProcessHeap(), 0, bytes); });
+wchar_t* text_vformat_alloc(const wchar_t* format, va_list args) {
+    return vformat_alloc(format, args,
+                         [](size_t bytes) { return HeapAlloc(GetProcessHeap(), 0, bytes); });
 }
 
-wchar_t* text_format_alloc(const wchar_t* format, ...)
-{
+wchar_t* text_format_alloc(const wchar_t* format, ...) {
     va_list args;
     va_start(args, format);
     wchar_t* text = text_vformat_alloc(format, args);
@@ -552,13 +549,11 @@ wchar_t* text_format_alloc(const wchar_t* format, ...)
     return text;
 }
 
-wchar_t* text_vformat_arena(TextAllocator& arena, const wchar_t* format, va_list args)
-{
+wchar_t* text_vformat_arena(TextAllocator& arena, const wchar_t* format, va_list args) {
     return vformat_alloc(format, args, [&](size_t bytes) { return arena.allocate(bytes); });
 }
 
-wchar_t* text_format_arena(TextAllocator& arena, const wchar_t* format, ...)
-{
+wchar_t* text_format_arena(TextAllocator& arena, const wchar_t* format, ...) {
     va_list args;
     va_start(args, format);
     wchar_t* text = text_vformat_arena(arena, format, args);

@@ -67,11 +67,9 @@ const char* utf8_find_ascii_nocase(const char* text, const char* needle);
 const wchar_t* text_find_last(const wchar_t* s, wchar_t c);
 const char* utf8_find_last(const char* s, char c);
 
-inline wchar_t* text_find_last(wchar_t* s, wchar_t c)
-{
+inline wchar_t* text_find_last(wchar_t* s, wchar_t c) {
     return const_cast<wchar_t*>(text_find_last(static_cast<const wchar_t*>(s), c));
 }
-inline char* utf8_find_last(char* s, char c)
-{
+inline char* utf8_find_last(char* s, char c) {
     return const_cast<char*>(utf8_find_last(static_cast<const char*>(s), c));
 }

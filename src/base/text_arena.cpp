@@ -2,14 +2,14 @@
 
 #include <windows.h>
 
-void* TextArena::allocate(size_t bytes)
-{
+void* TextArena::allocate(size_t bytes) {
     size_t rounded = (bytes + 7) & ~size_t(7);
     if (rounded < bytes || rounded + sizeof(Trailer) < rounded) {
         ++failures_;
         return nullptr;
     }
-    auto* start = static_cast<char*>(HeapAlloc(GetProcessHeap(), HEAP_ZERO_MEMORY, rounded + sizeof(Trailer)));
+    auto* start = static_cast<char*>(
+        HeapAlloc(GetProcessHeap(), HEAP_ZERO_MEMORY, rounded + sizeof(Trailer)));
     if (!start) {
         ++failures_;
         return nullptr;
@@ -21,8 +21,7 @@ void* TextArena::allocate(size_t bytes)
     return start;
 }
 
-void TextArena::release()
-{
+void TextArena::release() {
     HANDLE heap = GetProcessHeap();
     while (last_) {
         Trailer* previous = last_->previous;

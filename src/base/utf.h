@@ -11,8 +11,7 @@ constexpr uint32_t code_point_invalid = 0xFFFFFFFF;
 // zero-terminated text: a zero unit never continues a sequence, so decoding never reads past it).
 // Stores the units consumed in *used; a malformed unit decodes as code_point_invalid and consumes
 // one unit.
-inline uint32_t utf16_decode(const wchar_t* s, size_t available, size_t* used)
-{
+inline uint32_t utf16_decode(const wchar_t* s, size_t available, size_t* used) {
     uint32_t unit = static_cast<uint16_t>(s[0]);
     if (unit - 0xD800 < 0x400 && available >= 2) {
         uint32_t trail = static_cast<uint16_t>(s[1]);
@@ -27,12 +26,10 @@ inline uint32_t utf16_decode(const wchar_t* s, size_t available, size_t* used)
 
 // Accepts a lead byte 0x00-0x7F, 0xC0-0xDF, 0xE0-0xEF or 0xF0-0xF7 with its continuation bytes
 // (0x80-0xBF). Overlong forms are accepted as they stand; anything else is one invalid byte.
-inline uint32_t utf8_decode(const char* s, size_t available, size_t* used)
-{
+inline uint32_t utf8_decode(const char* s, size_t available, size_t* used) {
     uint32_t lead = static_cast<uint8_t>(s[0]);
     *used = 1;
-    if (lead < 0x80)
-        return lead;
+    if (lead < 0x80) return lead;
     size_t more;
     uint32_t cp;
     if (lead - 0xC0 < 0x20) {
@@ -47,12 +44,10 @@ inline uint32_t utf8_decode(const char* s, size_t available, size_t* used)
     } else {
         return code_point_invalid;
     }
-    if (available <= more)
-        return code_point_invalid;
+    if (available <= more) return code_point_invalid;
     for (size_t i = 1; i <= more; ++i) {
         uint32_t next = static_cast<uint8_t>(s[i]);
-        if (next - 0x80 >= 0x40)
-            return code_point_invalid;
+        if (next - 0x80 >= 0x40) return code_point_invalid;
         cp = (cp << 6) | (next & 0x3F);
     }
     *used = more + 1;
@@ -60,8 +55,7 @@ inline uint32_t utf8_decode(const char* s, size_t available, size_t* used)
 }
 
 // Code points above U+10FFFF (and the invalid value) become U+FFFF. Returns the units written.
-inline size_t utf16_encode(uint32_t cp, wchar_t out[2])
-{
+inline size_t utf16_encode(uint32_t cp, wchar_t out[2]) {
     if (cp < 0x10000) {
         out[0] = static_cast<wchar_t>(cp);
         return 1;
@@ -78,8 +72,7 @@ inline size_t utf16_encode(uint32_t cp, wchar_t out[2])
 
 // The original six-byte scheme: up to 0x7FFFFFFE in 1 to 6 bytes; the invalid value (and
 // anything else too large) is the single byte 0xFF. Returns the bytes written.
-inline size_t utf8_encode(uint32_t cp, char out[6])
-{
+inline size_t utf8_encode(uint32_t cp, char out[6]) {
     if (cp < 0x80) {
         out[0] = static_cast<char>(cp);
         return 1;

@@ -6,8 +6,7 @@
 
 #include "base/base64.h"
 
-TEST(Base64, EncodesTheStandardVectors)
-{
+TEST(Base64, EncodesTheStandardVectors) {
     const char* const expected[] = {"", "Zg==", "Zm8=", "Zm9v", "Zm9vYg==", "Zm9vYmE=", "Zm9vYmFy"};
     for (size_t n = 0; n <= 6; ++n) {
         char out[16];
@@ -20,23 +19,22 @@ TEST(Base64, EncodesTheStandardVectors)
     EXPECT_EQ(text_base64_encode(nullptr, 0, "foobar", 6), 8u); // sizing call
 }
 
-TEST(Base64, RoundTripsEveryByteValueAndLength)
-{
+TEST(Base64, RoundTripsEveryByteValueAndLength) {
     uint8_t data[300];
     for (int i = 0; i < 300; ++i) data[i] = static_cast<uint8_t>(i * 7 + 3);
     for (size_t n : {0u, 1u, 2u, 3u, 4u, 255u, 256u, 257u, 300u}) {
         wchar_t text[420];
         size_t length = text_base64_encode(text, 420, data, n);
         ASSERT_EQ(length, (n + 2) / 3 * 4);
-        for (size_t i = 0; i < length; ++i) ASSERT_TRUE(text[i] < 128 && (isalnum(text[i]) || strchr("+/=", text[i])));
+        for (size_t i = 0; i < length; ++i)
+            ASSERT_TRUE(text[i] < 128 && (isalnum(text[i]) || strchr("+/=", text[i])));
         uint8_t back[300];
         ASSERT_EQ(text_base64_decode(back, sizeof back, text), n);
         EXPECT_EQ(memcmp(back, data, n), 0);
     }
 }
 
-TEST(Base64, DecodingSkipsForeignCharactersAndRestartsAtPadding)
-{
+TEST(Base64, DecodingSkipsForeignCharactersAndRestartsAtPadding) {
     uint8_t out[16];
     // Line breaks and blanks are skipped.
     EXPECT_EQ(utf8_base64_decode(out, sizeof out, "Zm9v\r\nYm Fy"), 6u);

@@ -25,11 +25,21 @@ void*(__cdecl* real_calloc)(size_t, size_t);
 void*(__cdecl* real_realloc)(void*, size_t);
 void*(NTAPI* real_rtl_allocate_heap)(void*, ULONG, SIZE_T);
 
-LPVOID WINAPI counting_heap_alloc(HANDLE h, DWORD f, SIZE_T n) { return ++allocations, real_heap_alloc(h, f, n); }
-void* __cdecl counting_malloc(size_t n) { return ++allocations, real_malloc(n); }
-void* __cdecl counting_calloc(size_t c, size_t n) { return ++allocations, real_calloc(c, n); }
-void* __cdecl counting_realloc(void* p, size_t n) { return ++allocations, real_realloc(p, n); }
-void* NTAPI counting_rtl_allocate_heap(void* h, ULONG f, SIZE_T n) { return ++allocations, real_rtl_allocate_heap(h, f, n); }
+LPVOID WINAPI counting_heap_alloc(HANDLE h, DWORD f, SIZE_T n) {
+    return ++allocations, real_heap_alloc(h, f, n);
+}
+void* __cdecl counting_malloc(size_t n) {
+    return ++allocations, real_malloc(n);
+}
+void* __cdecl counting_calloc(size_t c, size_t n) {
+    return ++allocations, real_calloc(c, n);
+}
+void* __cdecl counting_realloc(void* p, size_t n) {
+    return ++allocations, real_realloc(p, n);
+}
+void* NTAPI counting_rtl_allocate_heap(void* h, ULONG f, SIZE_T n) {
+    return ++allocations, real_rtl_allocate_heap(h, f, n);
+}
 
 struct Hook {
     const char* name;
@@ -39,15 +49,19 @@ struct Hook {
 };
 
 Hook hooks[] = {
-    {"HeapAlloc", reinterpret_cast<void*>(counting_heap_alloc), reinterpret_cast<void**>(&real_heap_alloc), nullptr},
-    {"malloc", reinterpret_cast<void*>(counting_malloc), reinterpret_cast<void**>(&real_malloc), nullptr},
-    {"calloc", reinterpret_cast<void*>(counting_calloc), reinterpret_cast<void**>(&real_calloc), nullptr},
-    {"realloc", reinterpret_cast<void*>(counting_realloc), reinterpret_cast<void**>(&real_realloc), nullptr},
-    {"RtlAllocateHeap", reinterpret_cast<void*>(counting_rtl_allocate_heap), reinterpret_cast<void**>(&real_rtl_allocate_heap), nullptr},
+    {"HeapAlloc", reinterpret_cast<void*>(counting_heap_alloc),
+     reinterpret_cast<void**>(&real_heap_alloc), nullptr},
+    {"malloc", reinterpret_cast<void*>(counting_malloc), reinterpret_cast<void**>(&real_malloc),
+     nullptr},
+    {"calloc", reinterpret_cast<void*>(counting_calloc), reinterpret_cast<void**>(&real_calloc),
+     nullptr},
+    {"realloc", reinterpret_cast<void*>(counting_realloc), reinterpret_cast<void**>(&real_realloc),
+     nullptr},
+    {"RtlAllocateHeap", reinterpret_cast<void*>(counting_rtl_allocate_heap),
+     reinterpret_cast<void**>(&real_rtl_allocate_heap), nullptr},
 };
 
-void write_slot(void** slot, void* value)
-{
+void write_slot(void** slot, void* value) {
     DWORD old;
     VirtualProtect(slot, sizeof(void*), PAGE_READWRITE, &old);
     *slot = value;
@@ -57,18 +71,19 @@ void write_slot(void** slot, void* value)
 // Finds each hooked name among the executable's imports, from any DLL, and swaps its slot.
 class AllocationWatch {
 public:
-    AllocationWatch()
-    {
+    AllocationWatch() {
         auto* base = reinterpret_cast<BYTE*>(GetModuleHandleW(nullptr));
-        auto* nt = reinterpret_cast<IMAGE_NT_HEADERS*>(base + reinterpret_cast<IMAGE_DOS_HEADER*>(base)->e_lfanew);
+        auto* nt = reinterpret_cast<IMAGE_NT_HEADERS*>(
+            base + reinterpret_cast<IMAGE_DOS_HEADER*>(base)->e_lfanew);
         const auto& dir = nt->OptionalHeader.DataDirectory[IMAGE_DIRECTORY_ENTRY_IMPORT];
-        for (auto* imp = reinterpret_cast<IMAGE_IMPORT_DESCRIPTOR*>(base + dir.VirtualAddress); imp->Name; ++imp) {
+        for (auto* imp = reinterpret_cast<IMAGE_IMPORT_DESCRIPTOR*>(base + dir.VirtualAddress);
+             imp->Name; ++imp) {
             auto* names = reinterpret_cast<IMAGE_THUNK_DATA*>(base + imp->OriginalFirstThunk);
             auto* slots = reinterpret_cast<IMAGE_THUNK_DATA*>(base + imp->FirstThunk);
             for (; names->u1.AddressOfData; ++names, ++slots) {
-                if (IMAGE_SNAP_BY_ORDINAL(names->u1.Ordinal))
-                    continue;
-                auto* name = reinterpret_cast<IMAGE_IMPORT_BY_NAME*>(base + names->u1.AddressOfData)->Name;
+                if (IMAGE_SNAP_BY_ORDINAL(names->u1.Ordinal)) continue;
+                auto* name =
+                    reinterpret_cast<IMAGE_IMPORT_BY_NAME*>(base + names->u1.AddressOfData)->Name;
                 for (Hook& h : hooks) {
                     if (strcmp(reinterpret_cast<const char*>(name), h.name) != 0 || h.slot)
                         continue;
@@ -80,8 +95,7 @@ public:
             }
         }
     }
-    ~AllocationWatch()
-    {
+    ~AllocationWatch() {
         for (Hook& h : hooks)
             if (h.slot) {
                 write_slot(h.slot, *h.original);
@@ -96,8 +110,7 @@ private:
 
 } // namespace
 
-TEST(NoAllocation, EnginesAndCompanionsNeverTouchTheHeap)
-{
+TEST(NoAllocation, EnginesAndCompanionsNeverTouchTheHeap) {
     static wchar_t wide[600];
     static char narrow[600];
     const GUID guid = {1, 2, 3, {4, 5, 6, 7, 8, 9, 10, 11}};
@@ -111,10 +124,12 @@ TEST(NoAllocation, EnginesAndCompanionsNeverTouchTheHeap)
         EXPECT_EQ(allocations, 1);
         allocations = 0;
         // ...and none in any of these, long outputs, truncation and transcoding included.
-        text_format(wide, 600, L"%05X %T open %ls 0x%I64X %d %hs %R %t %-30.20s %p %c%C", 0x1Au, 0ull, L"file",
-                    ~0ull, -5, "gr\xC3\xBC\xC3\x9F", &guid, 1ll << 31, L"padded", &guid, L'x', 'y');
+        text_format(wide, 600, L"%05X %T open %ls 0x%I64X %d %hs %R %t %-30.20s %p %c%C", 0x1Au,
+                    0ull, L"file", ~0ull, -5, "gr\xC3\xBC\xC3\x9F", &guid, 1ll << 31, L"padded",
+                    &guid, L'x', 'y');
         text_format(wide, 8, L"%500d", 1);
-        utf8_format(narrow, 600, "%ls %S %I32c %lc %*.*s", L"\U0001F600", L"\u20AC", 0x10FFFF, 0xE9, 40, 30, "abc");
+        utf8_format(narrow, 600, "%ls %S %I32c %lc %*.*s", L"\U0001F600", L"\u20AC", 0x10FFFF, 0xE9,
+                    40, 30, "abc");
         utf8_to_text(wide, 600, "\xF0\x9F\x98\x80 \xFF");
         text_to_utf8(narrow, 600, L"\U0001F600 \xD800");
         text_copy(wide, 600, L"copy");

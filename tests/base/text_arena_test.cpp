@@ -5,8 +5,7 @@
 
 #include "base/text_arena.h"
 
-TEST(TextArena, BlocksAreZeroFilledAlignedAndFreedTogether)
-{
+TEST(TextArena, BlocksAreZeroFilledAlignedAndFreedTogether) {
     HANDLE heap = GetProcessHeap();
     PROCESS_HEAP_ENTRY entry;
     auto busy_blocks = [&] {
@@ -14,8 +13,7 @@ TEST(TextArena, BlocksAreZeroFilledAlignedAndFreedTogether)
         HeapLock(heap);
         entry.lpData = nullptr;
         while (HeapWalk(heap, &entry))
-            if (entry.wFlags & PROCESS_HEAP_ENTRY_BUSY)
-                ++n;
+            if (entry.wFlags & PROCESS_HEAP_ENTRY_BUSY) ++n;
         HeapUnlock(heap);
         return n;
     };
@@ -38,8 +36,7 @@ TEST(TextArena, BlocksAreZeroFilledAlignedAndFreedTogether)
     EXPECT_EQ(busy_blocks(), before); // the destructor released the rest
 }
 
-TEST(TextArena, RefusalIsNullAndCounted)
-{
+TEST(TextArena, RefusalIsNullAndCounted) {
     TextArena arena;
     EXPECT_EQ(arena.allocate(SIZE_MAX - 3), nullptr);
     EXPECT_EQ(arena.allocate(SIZE_MAX / 2), nullptr);

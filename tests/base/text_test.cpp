@@ -7,8 +7,7 @@
 #include "base/text.h"
 #include "base/text_arena.h"
 
-TEST(Text, LengthsTreatNullAsEmptyAndStopAtTheBound)
-{
+TEST(Text, LengthsTreatNullAsEmptyAndStopAtTheBound) {
     EXPECT_EQ(text_length(nullptr), 0u);
     EXPECT_EQ(text_length(L"abc"), 3u);
     const wchar_t unterminated[3] = {L'a', L'b', L'c'};
@@ -17,8 +16,7 @@ TEST(Text, LengthsTreatNullAsEmptyAndStopAtTheBound)
     EXPECT_EQ(utf8_length_bounded("ab", 4), 2u);
 }
 
-TEST(Text, BoundedCopyAppendAndPrependAlwaysTerminate)
-{
+TEST(Text, BoundedCopyAppendAndPrependAlwaysTerminate) {
     wchar_t buffer[6];
     wmemset(buffer, L'#', 6);
     EXPECT_EQ(text_copy(buffer, 0, L"abc"), 0u);
@@ -50,8 +48,7 @@ TEST(Text, BoundedCopyAppendAndPrependAlwaysTerminate)
     EXPECT_STREQ(narrow, "zab");
 }
 
-TEST(Text, DuplicateAllocateAndWipe)
-{
+TEST(Text, DuplicateAllocateAndWipe) {
     wchar_t* copy = text_duplicate(L"copy me");
     ASSERT_NE(copy, nullptr);
     EXPECT_STREQ(copy, L"copy me");
@@ -74,8 +71,7 @@ TEST(Text, DuplicateAllocateAndWipe)
     EXPECT_EQ(one[0], 0);
 }
 
-TEST(Text, ComparisonsByCodePoint)
-{
+TEST(Text, ComparisonsByCodePoint) {
     EXPECT_EQ(text_compare(L"abc", L"abc"), 0);
     EXPECT_EQ(text_compare(L"abc", L"abd"), -1);
     EXPECT_EQ(text_compare(L"abcd", L"abc"), 1);
@@ -95,8 +91,7 @@ TEST(Text, ComparisonsByCodePoint)
     EXPECT_EQ(utf8_compare_ascii_nocase("ZUNFS", 3, "zun", 3), 0);
 }
 
-TEST(Text, FindSubstringAndLastCharacter)
-{
+TEST(Text, FindSubstringAndLastCharacter) {
     const wchar_t* text = L"C:\\Program Files\\Zun\\zunapi.DLL";
     EXPECT_EQ(text_find_ascii_nocase(text, L"ZUNAPI.dll"), text + 21);
     EXPECT_EQ(text_find_ascii_nocase(text, L"zun"), text + 17);

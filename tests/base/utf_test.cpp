@@ -7,19 +7,18 @@
 #include "base/text_arena.h"
 #include "base/utf.h"
 
-TEST(Utf, RoundTripsEveryCodePointThroughBothEncodings)
-{
+TEST(Utf, RoundTripsEveryCodePointThroughBothEncodings) {
     // Against the platform's converter for every scalar value, in blocks of characters.
     std::wstring wide;
     for (uint32_t cp = 1; cp <= 0x10FFFF; ++cp) {
-        if (cp - 0xD800 < 0x800)
-            continue;
+        if (cp - 0xD800 < 0x800) continue;
         wchar_t units[2];
         wide.append(units, utf16_encode(cp, units));
         if (wide.size() >= 4000 || cp == 0x10FFFF) {
             static char ours[16000], platform[16000];
             size_t n = text_to_utf8(ours, sizeof ours, wide.c_str(), wide.size());
-            int m = WideCharToMultiByte(CP_UTF8, 0, wide.c_str(), int(wide.size()), platform, sizeof platform, nullptr, nullptr);
+            int m = WideCharToMultiByte(CP_UTF8, 0, wide.c_str(), int(wide.size()), platform,
+                                        sizeof platform, nullptr, nullptr);
             ASSERT_EQ(n, size_t(m)) << "block ending at U+" << std::hex << cp;
             ASSERT_EQ(memcmp(ours, platform, n), 0) << "block ending at U+" << std::hex << cp;
             static wchar_t back[4100];
@@ -30,12 +29,15 @@ TEST(Utf, RoundTripsEveryCodePointThroughBothEncodings)
     }
 }
 
-TEST(Utf, InvalidValues)
-{
+TEST(Utf, InvalidValues) {
     wchar_t wide[16];
     // Stray continuation, lead without enough continuation bytes, 0xF8-0xFF leads: each is one
     // invalid byte, written in UTF-16 as U+FFFF.
-    EXPECT_EQ(utf8_to_text(wide, 16, "\x80" "a\xE2\x82" "b\xF8\xFF\xC3"), 8u);
+    EXPECT_EQ(utf8_to_text(wide, 16,
+                           "\x80"
+                           "a\xE2\x82"
+                           "b\xF8\xFF\xC3"),
+              8u);
     EXPECT_STREQ(wide, L"\uFFFFa\uFFFF\uFFFFb\uFFFF\uFFFF\uFFFF");
     // Overlong forms and code points beyond U+10FFFF decode as they stand.
     EXPECT_EQ(utf8_to_text(wide, 16, "\xC1\x81\xF7\xBF\xBF\xBF"), 2u);
@@ -53,8 +55,7 @@ TEST(Utf, InvalidValues)
     EXPECT_EQ(uint8_t(six[0]), 0xFF);
 }
 
-TEST(Utf, StopsAtTheLengthOrTheFirstZeroAndCountsWhatDoesNotFit)
-{
+TEST(Utf, StopsAtTheLengthOrTheFirstZeroAndCountsWhatDoesNotFit) {
     wchar_t wide[4];
     EXPECT_EQ(utf8_to_text(wide, 4, "abcdef", 2), 2u);
     EXPECT_STREQ(wide, L"ab");
@@ -68,8 +69,7 @@ TEST(Utf, StopsAtTheLengthOrTheFirstZeroAndCountsWhatDoesNotFit)
     EXPECT_STREQ(wide, L"");
 }
 
-TEST(Utf, AllocatingForms)
-{
+TEST(Utf, AllocatingForms) {
     wchar_t* w = utf8_to_text_alloc("gr\xC3\xBC\xC3\x9F");
     ASSERT_NE(w, nullptr);
     EXPECT_STREQ(w, L"gr\u00FC\u00DF");

@@ -4,14 +4,13 @@
 
 #include "base/wildcard.h"
 
-TEST(Wildcard, StarsAndQuestionMarks)
-{
+TEST(Wildcard, StarsAndQuestionMarks) {
     EXPECT_TRUE(text_wildcard_match(L"zun*fs.dll", L"zunisofs.dll"));
     EXPECT_TRUE(text_wildcard_match(L"zun*fs.dll", L"zunfs.dll"));
     EXPECT_FALSE(text_wildcard_match(L"zun*fs.dll", L"zunisofs.dll.bak"));
     EXPECT_TRUE(text_wildcard_match(L"*", L""));
     EXPECT_TRUE(text_wildcard_match(L"", L""));
-    EXPECT_FALSE(text_wildcard_match(L"?", L""));        // "?" never matches the end
+    EXPECT_FALSE(text_wildcard_match(L"?", L"")); // "?" never matches the end
     EXPECT_TRUE(text_wildcard_match(L"a?c", L"abc"));
     EXPECT_FALSE(text_wildcard_match(L"a?c", L"ac"));
     EXPECT_TRUE(text_wildcard_match(L"*a*b*c*", L"xxaxxbxxcxx"));
@@ -26,15 +25,13 @@ TEST(Wildcard, StarsAndQuestionMarks)
     EXPECT_FALSE(utf8_wildcard_match("??.txt", "\xC3\xA9.txt"));
 }
 
-TEST(Wildcard, AsciiCaseInsensitiveForm)
-{
+TEST(Wildcard, AsciiCaseInsensitiveForm) {
     EXPECT_TRUE(text_wildcard_match_ascii_nocase(L"ZUN*FS.dll", L"zunIsoFs.DLL"));
     EXPECT_FALSE(text_wildcard_match_ascii_nocase(L"\u00C9*", L"\u00E9t\u00E9"));
     EXPECT_TRUE(utf8_wildcard_match_ascii_nocase("*_v?.DLL", "zunfs_v7.dll"));
 }
 
-TEST(Wildcard, AtMostFiftyStarsArePending)
-{
+TEST(Wildcard, AtMostFiftyStarsArePending) {
     auto stars = [](int n) { return std::wstring(n, L'*'); };
     auto star_x = [](int n) {
         std::wstring s;
