@@ -29,26 +29,41 @@ inline void keep(size_t value) {
     sink = sink + value;
 }
 
-// The best time per call of `op` over `rounds` rounds. The iteration count of a round is
-// doubled until a round lasts at least `round_ns`, so short operations are not drowned by the
-// timer's resolution; the best round is the one least disturbed by the rest of the machine.
-template <typename Op> double best_ns_per_op(Op&& op, int rounds = 9, double round_ns = 20e6) {
+// The iteration count of a round: doubled until a round lasts at least `round_ns`, so short
+// operations are not drowned by the timer's resolution.
+template <typename Op> size_t calibrate(Op& op, double round_ns) {
     size_t iterations = 1;
     for (;;) {
         double start = now_ns();
         for (size_t i = 0; i < iterations; ++i) op();
-        if (now_ns() - start >= round_ns || iterations >= (size_t(1) << 40)) break;
+        if (now_ns() - start >= round_ns || iterations >= (size_t(1) << 40)) return iterations;
         iterations *= 2;
     }
+}
+
+template <typename Op> double round_ns_per_op(Op& op, size_t iterations) {
+    double start = now_ns();
+    for (size_t i = 0; i < iterations; ++i) op();
+    return (now_ns() - start) / static_cast<double>(iterations);
+}
+
+// The best time per call of `op` over `rounds` rounds: the best round is the one least
+// disturbed by the rest of the machine.
+template <typename Op> double best_ns_per_op(Op&& op, int rounds = 9, double round_ns = 20e6) {
+    size_t iterations = calibrate(op, round_ns);
     double best = 1e300;
     for (int r = 0; r < rounds; ++r) {
-        double start = now_ns();
-        for (size_t i = 0; i < iterations; ++i) op();
-        double per_op = (now_ns() - start) / static_cast<double>(iterations);
-        if (per_op < best) best = per_op;
+        double t = round_ns_per_op(op, iterations);
+        if (t < best) best = t;
     }
     return best;
 }
+
+// Measures ours and the baseline in alternating rounds, so that both see the same machine,
+// keeps the best round of each and prints the figure.
+template <typename Ours, typename Baseline>
+void compare(const char* name, Ours&& ours, Baseline&& baseline, int rounds = 9,
+             double round_ns = 20e6);
 
 // Fixed-point text of a non-negative value with the given number of decimals.
 inline size_t decimal_text(char* out, size_t capacity, double value, unsigned decimals) {
@@ -70,6 +85,20 @@ inline void report(const char* name, double ours_ns, double baseline_ns) {
     DWORD written;
     WriteFile(GetStdHandle(STD_OUTPUT_HANDLE), line,
               static_cast<DWORD>(n < sizeof line ? n : sizeof line - 1), &written, nullptr);
+}
+
+template <typename Ours, typename Baseline>
+void compare(const char* name, Ours&& ours, Baseline&& baseline, int rounds, double round_ns) {
+    size_t ours_iterations = calibrate(ours, round_ns);
+    size_t baseline_iterations = calibrate(baseline, round_ns);
+    double ours_best = 1e300, baseline_best = 1e300;
+    for (int r = 0; r < rounds; ++r) {
+        double t = round_ns_per_op(ours, ours_iterations);
+        if (t < ours_best) ours_best = t;
+        t = round_ns_per_op(baseline, baseline_iterations);
+        if (t < baseline_best) baseline_best = t;
+    }
+    report(name, ours_best, baseline_best);
 }
 
 } // namespace bench

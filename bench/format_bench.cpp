@@ -39,35 +39,37 @@ int main() {
     static wchar_t out[512];
     uint64_t i = 0;
 
-    double ours = bench::best_ns_per_op([&] {
-        bench::keep(message_mix([](auto... a) { return text_format(a...); }, out, 512, ++i));
-    });
-    double baseline = bench::best_ns_per_op([&] {
-        bench::keep(message_mix([&](auto... a) { return static_cast<size_t>(crt_snwprintf(a...)); },
-                                out, 512, ++i));
-    });
-    bench::report("text_format vs _snwprintf, message mix (5 lines)", ours, baseline);
+    bench::compare(
+        "text_format vs _snwprintf, message mix (5 lines)",
+        [&] {
+            bench::keep(message_mix([](auto... a) { return text_format(a...); }, out, 512, ++i));
+        },
+        [&] {
+            bench::keep(
+                message_mix([&](auto... a) { return static_cast<size_t>(crt_snwprintf(a...)); },
+                            out, 512, ++i));
+        });
 
     // A trace line with a time stamp: the C runtime has no %T, so its caller splits the stamp
     // with FileTimeToSystemTime and prints the fields.
-    ours = bench::best_ns_per_op([&] {
-        ++i;
-        bench::keep(text_format(out, 512, L"%05X %T open %ls 0x%I64X %d\n",
-                                static_cast<unsigned>(i & 0xFFFFF),
-                                133500000000000000ull + i * 10000, path, i * 0x1000, -3));
-    });
-    baseline = bench::best_ns_per_op([&] {
-        ++i;
-        uint64_t stamp = 133500000000000000ull + i * 10000;
-        FILETIME ft = {static_cast<DWORD>(stamp), static_cast<DWORD>(stamp >> 32)};
-        SYSTEMTIME st;
-        FileTimeToSystemTime(&ft, &st);
-        bench::keep(static_cast<size_t>(crt_snwprintf(
-            out, 512, L"%05X %04u-%02u-%02u %02u:%02u:%02u.%03u open %ls 0x%I64X %d\n",
-            static_cast<unsigned>(i & 0xFFFFF), st.wYear, st.wMonth, st.wDay, st.wHour, st.wMinute,
-            st.wSecond, st.wMilliseconds, path, i * 0x1000, -3)));
-    });
-    bench::report("text_format vs FileTimeToSystemTime + _snwprintf, trace line with %T", ours,
-                  baseline);
+    bench::compare(
+        "text_format vs FileTimeToSystemTime + _snwprintf, trace line with %T",
+        [&] {
+            ++i;
+            bench::keep(text_format(out, 512, L"%05X %T open %ls 0x%I64X %d\n",
+                                    static_cast<unsigned>(i & 0xFFFFF),
+                                    133500000000000000ull + i * 10000, path, i * 0x1000, -3));
+        },
+        [&] {
+            ++i;
+            uint64_t stamp = 133500000000000000ull + i * 10000;
+            FILETIME ft = {static_cast<DWORD>(stamp), static_cast<DWORD>(stamp >> 32)};
+            SYSTEMTIME st;
+            FileTimeToSystemTime(&ft, &st);
+            bench::keep(static_cast<size_t>(crt_snwprintf(
+                out, 512, L"%05X %04u-%02u-%02u %02u:%02u:%02u.%03u open %ls 0x%I64X %d\n",
+                static_cast<unsigned>(i & 0xFFFFF), st.wYear, st.wMonth, st.wDay, st.wHour,
+                st.wMinute, st.wSecond, st.wMilliseconds, path, i * 0x1000, -3)));
+        });
     return 0;
 }
