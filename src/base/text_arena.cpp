@@ -3,7 +3,8 @@
 #include <windows.h>
 
 void* TextArena::allocate(size_t bytes) {
-    size_t rounded = (bytes + 7) & ~size_t(7);
+    // Even an empty request gets 8 bytes of its own, so no block ever starts at its trailer.
+    size_t rounded = bytes ? (bytes + 7) & ~size_t(7) : 8;
     if (rounded < bytes || rounded + sizeof(Trailer) < rounded) {
         ++failures_;
         return nullptr;
