@@ -5,7 +5,8 @@
 // exactly once per arming: when the alarm is due, when it is cancelled, or when the alarm
 // thread stops at process exit. The callback runs without any lock held, must be short (all
 // time-outs share the thread) and must clear `callback` as its very last act; arm the alarm
-// again only after that.
+// again only after that. Once the process-exit work has stopped the alarm thread, an armed
+// alarm fires only when it is cancelled.
 #pragma once
 
 #include <atomic>

@@ -5,7 +5,8 @@
 #if __has_include("base/format.h")
 #include "base/format.h"
 #else
-// Until the runtime's formatting engine is in the tree, the C runtime's formats the line.
+// Until the runtime's own formatting engine is in the tree, the C runtime's snprintf (same
+// signature shape, same conversions for this line) stands in for it.
 #include <cstdio>
 #define utf8_format snprintf
 #endif

@@ -18,8 +18,8 @@
 //
 // All of these are plain structs that are valid when zero-initialised (`Pin pin{};`), so they
 // can be statics, members or stack objects without any set-up call and own no kernel object.
-// No operation here fails; if the process cannot get its sync state (out of memory), holds
-// degrade to recording their owner and waits poll.
+// Only event_bridge_take can fail. If the process cannot get its sync state (out of memory),
+// holds degrade to recording their owner and waits poll.
 #pragma once
 
 #include <atomic>

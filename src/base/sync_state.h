@@ -55,6 +55,16 @@ struct alignas(64) SyncState {
 
 extern std::atomic<SyncState*> g_sync_state;
 
+// wait_word_wait with the whole story of a time-out: a wait that timed out and then took a wake
+// that was already under way reports wait_timed_out_wake_taken. A caller that knows a wake is
+// coming after a plain wait_timed_out must still take it before the word's memory goes.
+enum : int { wait_timed_out = 0, wait_woken = 1, wait_timed_out_wake_taken = 2 };
+int wait_word_wait_outcome(WaitWord* word, int32_t timeout_ms);
+
+// How many pause rounds wait_word_wait watches its word before it parks. Benchmarks set it to 0
+// to measure parking alone.
+extern std::atomic<uint32_t> g_wait_word_spin;
+
 // Creates and publishes the sync state, or returns the one another thread published first.
 // Null when it cannot be allocated, or after the process-exit teardown.
 SyncState* sync_state_create();

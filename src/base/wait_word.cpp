@@ -2,6 +2,8 @@
 #include "base/nt.h"
 #include "base/tick.h"
 
+std::atomic<uint32_t> g_wait_word_spin{100};
+
 namespace {
 
 uint32_t key_of(WaitWord* w) {
@@ -30,46 +32,60 @@ void unpark(SyncState* state, WaitWord* w, uint32_t key) {
     state->release_keyed(event, &w->word, FALSE, nullptr);
 }
 
-// Without a sync state there are no keyed events: poll the word instead.
+// Without a sync state there are no keyed events (and wakes release nothing): poll the word.
 int poll(WaitWord* w, int32_t timeout_ms) {
     uint64_t start = tick_now();
     while (w->word.load(std::memory_order_acquire) == -1) {
         if (timeout_ms >= 0 && tick_now() - start >= static_cast<uint64_t>(timeout_ms)) {
             int32_t expected = -1;
-            w->word.compare_exchange_strong(expected, 0);
-            return 0;
+            return w->word.compare_exchange_strong(expected, 0) ? wait_timed_out
+                                                                : wait_timed_out_wake_taken;
         }
         sleep_ms(1);
     }
-    return 1;
+    return wait_woken;
 }
 
 } // namespace
 
 int wait_word_wait(WaitWord* w, int32_t timeout_ms) {
+    return wait_word_wait_outcome(w, timeout_ms) == wait_woken;
+}
+
+int wait_word_wait_outcome(WaitWord* w, int32_t timeout_ms) {
+    // Most wakes of a hold hand-over or a pin ping-pong come within a few microseconds, and
+    // parking costs a round trip through the kernel (under Wine, through the wineserver) on
+    // both sides: watch the word for a moment before parking.
+    if (timeout_ms != 0) {
+        for (uint32_t round = g_wait_word_spin.load(std::memory_order_relaxed); round; --round) {
+            if (w->word.load(std::memory_order_acquire) != 0) return wait_woken;
+            YieldProcessor();
+        }
+    }
     int32_t expected = 0;
     if (!w->word.compare_exchange_strong(expected, -1, std::memory_order_acq_rel))
-        return 1; // woken before the wait
+        return wait_woken; // woken before the wait
     SyncState* state = sync_state();
     if (!state) return poll(w, timeout_ms);
     uint32_t key = key_of(w);
     if (timeout_ms < 0) {
         park(state, w, key, nullptr);
         w->word.load(std::memory_order_acquire); // pairs with the waker's add
-        return 1;
+        return wait_woken;
     }
     LARGE_INTEGER relative;
     relative.QuadPart = -static_cast<int64_t>(timeout_ms) * 10000;
     if (park(state, w, key, &relative) != nt_status_timeout) {
         w->word.load(std::memory_order_acquire);
-        return 1;
+        return wait_woken;
     }
     expected = -1;
-    if (w->word.compare_exchange_strong(expected, 0, std::memory_order_acq_rel)) return 0;
+    if (w->word.compare_exchange_strong(expected, 0, std::memory_order_acq_rel))
+        return wait_timed_out;
     // A waker got in between the time-out and our retreat and is now (or soon) blocked in its
     // release: take the release so that it can go on, but still report the time-out.
     park(state, w, key, nullptr);
-    return 0;
+    return wait_timed_out_wake_taken;
 }
 
 void wait_word_wake(WaitWord* w) {

@@ -1,14 +1,11 @@
-// Helpers shared by the runtime tests: bounded waiting for a condition, and running one test of
-// this executable in a child process.
+// Helpers shared by the runtime tests: bounded waiting for a condition, and running tests of this
+// executable in a child process.
 #pragma once
 
 #include <chrono>
-#include <cstdint>
 #include <cstdlib>
-#include <cstring>
 #include <string>
 #include <thread>
-#include <vector>
 
 #include <windows.h>
 
@@ -29,23 +26,19 @@ struct ChildResult {
     std::string output; // standard output
 };
 
-// Runs this test executable again with only the tests matching `filter`, and with the
-// environment variable ZUN_TEST_CHILD set to `role` so that those tests know they are in the
-// child. Waits at most `timeout_ms`; a child still running then is terminated.
+// Runs this executable again with the tests matching `filter` and ZUN_TEST_CHILD=`role` in its
+// environment (see child_role). A child still running after `timeout_ms` is terminated.
 inline ChildResult run_child(const char* filter, const char* role, DWORD timeout_ms = 60000) {
     ChildResult result;
     wchar_t path[MAX_PATH];
     GetModuleFileNameW(nullptr, path, MAX_PATH);
     std::wstring command = L"\"" + std::wstring(path) + L"\" --gtest_filter=";
-    for (const char* c = filter; *c; ++c) command += static_cast<wchar_t>(*c);
-    std::vector<wchar_t> command_line(command.begin(), command.end());
-    command_line.push_back(0);
+    command.append(filter, filter + strlen(filter));
 
     SECURITY_ATTRIBUTES inheritable = {sizeof inheritable, nullptr, TRUE};
     HANDLE read_end, write_end;
     if (!CreatePipe(&read_end, &write_end, &inheritable, 0)) return result;
     SetHandleInformation(read_end, HANDLE_FLAG_INHERIT, 0);
-
     STARTUPINFOW startup = {};
     startup.cb = sizeof startup;
     startup.dwFlags = STARTF_USESTDHANDLES;
@@ -53,38 +46,32 @@ inline ChildResult run_child(const char* filter, const char* role, DWORD timeout
     startup.hStdOutput = write_end;
     startup.hStdError = GetStdHandle(STD_ERROR_HANDLE);
     PROCESS_INFORMATION process = {};
-
-    std::wstring role_text(role, role + strlen(role));
-    SetEnvironmentVariableW(L"ZUN_TEST_CHILD", role_text.c_str());
-    BOOL created = CreateProcessW(path, command_line.data(), nullptr, nullptr, TRUE, 0, nullptr,
-                                  nullptr, &startup, &process);
+    SetEnvironmentVariableW(L"ZUN_TEST_CHILD", std::wstring(role, role + strlen(role)).c_str());
+    result.started = CreateProcessW(path, command.data(), nullptr, nullptr, TRUE, 0, nullptr,
+                                    nullptr, &startup, &process);
     SetEnvironmentVariableW(L"ZUN_TEST_CHILD", nullptr);
     CloseHandle(write_end);
-    if (!created) {
-        CloseHandle(read_end);
-        return result;
+    if (result.started) {
+        // Drain the output meanwhile, so that a chatty child never blocks on a full pipe.
+        std::thread reader([&] {
+            char buffer[4096];
+            DWORD got;
+            while (ReadFile(read_end, buffer, sizeof buffer, &got, nullptr) && got)
+                result.output.append(buffer, got);
+        });
+        if (WaitForSingleObject(process.hProcess, timeout_ms) != WAIT_OBJECT_0)
+            TerminateProcess(process.hProcess, 0xDEAD);
+        WaitForSingleObject(process.hProcess, INFINITE);
+        GetExitCodeProcess(process.hProcess, &result.exit_code);
+        reader.join();
+        CloseHandle(process.hThread);
+        CloseHandle(process.hProcess);
     }
-    result.started = true;
-
-    // Drain the output on a thread so that a chatty child never blocks on a full pipe.
-    std::thread reader([&] {
-        char buffer[4096];
-        DWORD got;
-        while (ReadFile(read_end, buffer, sizeof buffer, &got, nullptr) && got)
-            result.output.append(buffer, got);
-    });
-    if (WaitForSingleObject(process.hProcess, timeout_ms) != WAIT_OBJECT_0)
-        TerminateProcess(process.hProcess, 0xDEAD);
-    WaitForSingleObject(process.hProcess, INFINITE);
-    GetExitCodeProcess(process.hProcess, &result.exit_code);
-    reader.join();
     CloseHandle(read_end);
-    CloseHandle(process.hThread);
-    CloseHandle(process.hProcess);
     return result;
 }
 
-// The role this process was started with by run_child, or "" in the parent.
+// The role run_child gave this process, or "" in the parent.
 inline std::string child_role() {
     const char* role = std::getenv("ZUN_TEST_CHILD");
     return role ? role : "";
