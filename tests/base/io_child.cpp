@@ -1,0 +1,97 @@
+// A child program for the process and console tests. The first argument picks what it does;
+// the exit code reports the outcome.
+
+#include <cstring>
+#include <string>
+
+#include <windows.h>
+
+#include "base/console.h"
+#include "base/io.h"
+#include "base/process_signals.h"
+#include "base/thread.h"
+
+namespace {
+
+void write_out(DWORD which, const std::string& text) {
+    size_t count;
+    io_write(GetStdHandle(which), text.data(), text.size(), &count);
+}
+
+std::string read_all_input() {
+    std::string data;
+    char buffer[4096];
+    size_t count;
+    while (io_read(GetStdHandle(STD_INPUT_HANDLE), buffer, sizeof buffer, &count) == 0 && count)
+        data.append(buffer, count);
+    return data;
+}
+
+std::string narrow(const wchar_t* text) {
+    int length = WideCharToMultiByte(CP_UTF8, 0, text, -1, nullptr, 0, nullptr, nullptr);
+    std::string result(length > 0 ? length - 1 : 0, '\0');
+    WideCharToMultiByte(CP_UTF8, 0, text, -1, result.data(), length, nullptr, nullptr);
+    return result;
+}
+
+// Copies standard input to standard output and error, tagged, and exits with the given code.
+int echo(int code) {
+    std::string data = read_all_input();
+    write_out(STD_OUTPUT_HANDLE, "out:" + data);
+    write_out(STD_ERROR_HANDLE, "err:" + data);
+    return code;
+}
+
+// Writes each argument after the mode on a line of its own.
+int arguments(int argc, wchar_t** argv) {
+    std::string text;
+    for (int i = 2; i < argc; ++i) text += narrow(argv[i]) + "\n";
+    write_out(STD_OUTPUT_HANDLE, text);
+    return 0;
+}
+
+// Started with no standard handles at all: after the repair all three must work.
+int handles() {
+    std_handles_repair();
+    HANDLE in = GetStdHandle(STD_INPUT_HANDLE), out = GetStdHandle(STD_OUTPUT_HANDLE),
+           err = GetStdHandle(STD_ERROR_HANDLE);
+    if (!in || !out || !err || in == INVALID_HANDLE_VALUE) return 1;
+    char buffer[4];
+    size_t count = 1;
+    if (io_read(in, buffer, sizeof buffer, &count) || count) return 2;
+    if (io_write(out, "x", 1, &count) || count != 1) return 3;
+    if (io_write(err, "x", 1, &count) || count != 1) return 4;
+    return 0;
+}
+
+// Raises Ctrl+C in its own console and waits for the shutdown pin.
+int control_c() {
+    console_signals_init();
+    if (!GenerateConsoleCtrlEvent(CTRL_C_EVENT, 0)) return 2;
+    int result = pin_wait(shutdown_pin(), nullptr, 10000) ? 0 : 1;
+    process_exit_work();
+    return result;
+}
+
+// Without a console: announces itself, then waits for the signal window to be closed.
+int window() {
+    console_signals_init();
+    write_out(STD_OUTPUT_HANDLE, "ready\n");
+    int result = pin_wait(shutdown_pin(), nullptr, 10000) ? 0 : 1;
+    process_exit_work();
+    return result;
+}
+
+} // namespace
+
+int wmain(int argc, wchar_t** argv) {
+    if (argc < 2) return 100;
+    const wchar_t* mode = argv[1];
+    if (!wcscmp(mode, L"echo")) return echo(argc > 2 ? _wtoi(argv[2]) : 0);
+    if (!wcscmp(mode, L"args")) return arguments(argc, argv);
+    if (!wcscmp(mode, L"wait")) return read_all_input().empty() ? 0 : 1;
+    if (!wcscmp(mode, L"handles")) return handles();
+    if (!wcscmp(mode, L"ctrl-c")) return control_c();
+    if (!wcscmp(mode, L"window")) return window();
+    return 101;
+}
