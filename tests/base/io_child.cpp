@@ -50,6 +50,27 @@ int arguments(int argc, wchar_t** argv) {
     return 0;
 }
 
+// Writes its current directory and the value of ZUN_CHILD_VALUE, a line each.
+int context() {
+    wchar_t directory[MAX_PATH] = {}, value[256] = {};
+    GetCurrentDirectoryW(MAX_PATH, directory);
+    GetEnvironmentVariableW(L"ZUN_CHILD_VALUE", value, 256);
+    write_out(STD_OUTPUT_HANDLE, narrow(directory) + "\n" + narrow(value) + "\n");
+    return 0;
+}
+
+// Sets the event named after its arguments ("name|arg|arg..."): the parent, waiting on the
+// name it expects, learns that the child ran and what it was given.
+int signal(int argc, wchar_t** argv) {
+    std::wstring name = argv[2];
+    for (int i = 3; i < argc; ++i) name += std::wstring(L"|") + argv[i];
+    HANDLE event = OpenEventW(EVENT_MODIFY_STATE, FALSE, name.c_str());
+    if (!event) return 1;
+    SetEvent(event);
+    CloseHandle(event);
+    return 0;
+}
+
 // Started with no standard handles at all: after the repair all three must work.
 int handles() {
     std_handles_repair();
@@ -91,6 +112,8 @@ int wmain(int argc, wchar_t** argv) {
     if (!wcscmp(mode, L"args")) return arguments(argc, argv);
     if (!wcscmp(mode, L"wait")) return read_all_input().empty() ? 0 : 1;
     if (!wcscmp(mode, L"handles")) return handles();
+    if (!wcscmp(mode, L"context")) return context();
+    if (!wcscmp(mode, L"signal") && argc > 2) return signal(argc, argv);
     if (!wcscmp(mode, L"ctrl-c")) return control_c();
     if (!wcscmp(mode, L"window")) return window();
     return 101;
