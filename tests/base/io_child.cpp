@@ -10,6 +10,7 @@
 #include "base/io.h"
 #include "base/process_signals.h"
 #include "base/thread.h"
+#include "base/trace_hook.h"
 
 namespace {
 
@@ -103,6 +104,24 @@ int window() {
     return result;
 }
 
+// Traces through the hook; exit code 0 with the library present, 3 without (every call then
+// does nothing and must not fail).
+int trace() {
+    TraceChannel channel = trace_channel_open(L"io_child");
+    trace_channel_set_default(channel);
+    trace_channel_release(channel); // the default keeps its own reference
+    trace_print(trace_default_channel, L"hello %i %ls\n", 42, L"world");
+    TraceChannel second = trace_channel_open(L"second");
+    trace_print(second, L"%hs\n", "direct");
+    trace_print(second, L"%ls\n", std::wstring(2000, L'x').c_str()); // past the stack buffer
+    trace_channel_release(second);
+    trace_print(nullptr, L"nowhere\n");
+    int result = trace_enabled() ? 0 : 3;
+    process_exit_work();
+    trace_print(trace_default_channel, L"after the exit work\n");
+    return result;
+}
+
 } // namespace
 
 int wmain(int argc, wchar_t** argv) {
@@ -114,6 +133,7 @@ int wmain(int argc, wchar_t** argv) {
     if (!wcscmp(mode, L"handles")) return handles();
     if (!wcscmp(mode, L"context")) return context();
     if (!wcscmp(mode, L"signal") && argc > 2) return signal(argc, argv);
+    if (!wcscmp(mode, L"trace")) return trace();
     if (!wcscmp(mode, L"ctrl-c")) return control_c();
     if (!wcscmp(mode, L"window")) return window();
     return 101;
