@@ -99,3 +99,11 @@ TEST(ConsoleSignals, ClosingTheHiddenSignalWindowSignalsTheShutdownPin) {
 TEST(ConsoleSignals, EndOfSessionSignalsTheShutdownPinAndTheProcessStillEnds) {
     EXPECT_EQ(0u, close_signal_window(WM_ENDSESSION, TRUE));
 }
+
+TEST(ConsoleRead, LineReadsInAConsoleOfTheirOwn) {
+    // Typed lines, line ends split by a short buffer, a time-out and a cancel source, all
+    // broken off by an Enter typed into the console (see the child's bits).
+    StartedChild child = start_child(L"console-read", CREATE_NEW_CONSOLE);
+    ASSERT_TRUE(child.process.valid());
+    EXPECT_EQ(0u, child.wait());
+}

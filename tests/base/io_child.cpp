@@ -6,10 +6,12 @@
 
 #include <windows.h>
 
+#include "base/alarm.h"
 #include "base/console.h"
 #include "base/io.h"
 #include "base/process_signals.h"
 #include "base/thread.h"
+#include "base/tick.h"
 #include "base/trace_hook.h"
 
 namespace {
@@ -104,6 +106,83 @@ int window() {
     return result;
 }
 
+// Types `text` into the console's input, as key records.
+void type_into(HANDLE console, const wchar_t* text) {
+    for (const wchar_t* c = text; *c; ++c) {
+        INPUT_RECORD records[2] = {};
+        for (int i = 0; i < 2; ++i) {
+            records[i].EventType = KEY_EVENT;
+            records[i].Event.KeyEvent.bKeyDown = i == 0;
+            records[i].Event.KeyEvent.wRepeatCount = 1;
+            records[i].Event.KeyEvent.wVirtualKeyCode =
+                *c == L'\r' ? VK_RETURN : LOBYTE(VkKeyScanW(*c));
+            records[i].Event.KeyEvent.uChar.UnicodeChar = *c;
+        }
+        DWORD written;
+        WriteConsoleInputW(console, records, 2, &written);
+    }
+}
+
+// Signals a pin from the alarm thread after a while.
+struct LateSignal {
+    Alarm alarm; // first
+    Pin pin{};
+    explicit LateSignal(uint32_t ms) { alarm_set(&alarm, fire, tick_now() + ms); }
+    ~LateSignal() { alarm_cancel(&alarm); }
+    static void fire(Alarm* alarm) {
+        pin_signal(&reinterpret_cast<LateSignal*>(alarm)->pin);
+        alarm->callback = nullptr;
+    }
+};
+
+// Console line reads in a console of its own. The exit code has a bit for each check that
+// failed; 64 when there is no console to read.
+int console_read() {
+    HANDLE input = CreateFileW(L"CONIN$", GENERIC_READ | GENERIC_WRITE,
+                               FILE_SHARE_READ | FILE_SHARE_WRITE, nullptr, OPEN_EXISTING, 0,
+                               nullptr);
+    if (input == INVALID_HANDLE_VALUE) return 64;
+    int failed = 0;
+    uint8_t kind = 0;
+    char buffer[64];
+    size_t count = 0;
+
+    // A line typed ahead comes back without its line end.
+    type_into(input, L"abc\r");
+    if (io_read_ex(input, &kind, nullptr, 5000, buffer, sizeof buffer, &count) ||
+        std::string(buffer, count) != "abc")
+        failed |= 1;
+    if ((kind & io_class_mask) != io_class_console) failed |= 2;
+
+    // A buffer that holds the CR but not the LF: the LF is dropped, the next line is whole.
+    type_into(input, L"wxyz\rnext\r");
+    if (io_read_ex(input, &kind, nullptr, 5000, buffer, 5, &count) ||
+        std::string(buffer, count) != "wxyz")
+        failed |= 4;
+    if (io_read_ex(input, &kind, nullptr, 5000, buffer, sizeof buffer, &count) ||
+        std::string(buffer, count) != "next")
+        failed |= 8;
+
+    // Nobody types: the time-out breaks the read off with an Enter.
+    uint64_t start = tick_now();
+    uint32_t error = io_read_ex(input, &kind, nullptr, 100, buffer, sizeof buffer, &count);
+    uint64_t elapsed = tick_now() - start;
+    if (error != 121 || count != 0 || elapsed < 95 || elapsed > 2000) failed |= 16;
+
+    // A cancel source signalled during the read, and one signalled before it.
+    {
+        LateSignal cancel(50);
+        if (io_read_ex(input, &kind, &cancel.pin, io_no_timeout, buffer, sizeof buffer,
+                       &count) != 995)
+            failed |= 32;
+        if (io_read_ex(input, &kind, &cancel.pin, io_no_timeout, buffer, sizeof buffer,
+                       &count) != 995)
+            failed |= 32;
+    }
+    CloseHandle(input);
+    return failed;
+}
+
 // Traces through the hook; exit code 0 with the library present, 3 without (every call then
 // does nothing and must not fail).
 int trace() {
@@ -134,6 +213,7 @@ int wmain(int argc, wchar_t** argv) {
     if (!wcscmp(mode, L"context")) return context();
     if (!wcscmp(mode, L"signal") && argc > 2) return signal(argc, argv);
     if (!wcscmp(mode, L"trace")) return trace();
+    if (!wcscmp(mode, L"console-read")) return console_read();
     if (!wcscmp(mode, L"ctrl-c")) return control_c();
     if (!wcscmp(mode, L"window")) return window();
     return 101;
