@@ -7,8 +7,8 @@
 struct TextAllocator;
 
 struct CommandLine {
-    wchar_t* text = nullptr;     // null when memory is short
-    size_t second_argument = 0;  // where the second argument begins (the length if none)
+    wchar_t* text = nullptr;    // null when memory is short
+    size_t second_argument = 0; // where the second argument begins (the length if none)
 };
 
 // `arguments` is null-terminated, the program first. Arguments are joined with one blank. The

@@ -69,8 +69,7 @@ BOOL WINAPI control_handler(DWORD event) {
     return handled;
 }
 
-LRESULT CALLBACK signal_window_procedure(HWND window, UINT message, WPARAM wparam,
-                                         LPARAM lparam) {
+LRESULT CALLBACK signal_window_procedure(HWND window, UINT message, WPARAM wparam, LPARAM lparam) {
     switch (message) {
     case WM_CREATE:
         g_console.window.store(window, std::memory_order_release);
@@ -127,7 +126,9 @@ void shutdown_signalled(WaiterEntry* entry) {
 }
 
 // At process exit the system has already ended every other thread: nothing is left to wait for.
-bool process_is_ending() { return RtlDllShutdownInProgress(); }
+bool process_is_ending() {
+    return RtlDllShutdownInProgress();
+}
 
 void console_teardown() {
     global_lock();
@@ -145,7 +146,8 @@ void console_teardown() {
     if (HANDLE thread = g_console.thread) {
         if (HWND window = g_console.window.load(std::memory_order_acquire)) {
             PostMessageW(window, signal_window_quit, 0, 0);
-            while (WaitForSingleObject(thread, 50) == WAIT_TIMEOUT && !process_is_ending()) {}
+            while (WaitForSingleObject(thread, 50) == WAIT_TIMEOUT && !process_is_ending()) {
+            }
         }
         // A thread that saw the session end never returns.
         if (!g_console.session_ended.load(std::memory_order_acquire) && !process_is_ending())
@@ -176,8 +178,8 @@ void console_signals_init() {
     if (!signalable_add_waiter(shutdown_pin(), &g_console.shutdown_entry))
         g_console.shutdown_entry.callback.store(nullptr, std::memory_order_release);
 
-    HANDLE input = CreateFileW(L"CONIN$", GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_WRITE,
-                               nullptr, OPEN_EXISTING, 0, nullptr);
+    HANDLE input = CreateFileW(L"CONIN$", GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_WRITE, nullptr,
+                               OPEN_EXISTING, 0, nullptr);
     if (input != INVALID_HANDLE_VALUE) {
         CloseHandle(input);
     } else {

@@ -85,8 +85,8 @@ uint32_t file_attributes(const wchar_t* path, uint32_t* attributes) {
     if (error) return error;
     IO_STATUS_BLOCK status_block;
     BasicInformation info = {};
-    NTSTATUS status = NtQueryInformationFile(handle, &status_block, &info, sizeof info,
-                                             file_basic_information);
+    NTSTATUS status =
+        NtQueryInformationFile(handle, &status_block, &info, sizeof info, file_basic_information);
     CloseHandle(handle);
     if (!NT_SUCCESS(status)) return RtlNtStatusToDosError(status);
     *attributes = info.attributes;

@@ -32,12 +32,13 @@ constexpr NTSTATUS nt_status_not_found = static_cast<NTSTATUS>(0xC0000225);
 constexpr NTSTATUS nt_status_invalid_handle = static_cast<NTSTATUS>(0xC0000008);
 constexpr NTSTATUS nt_status_object_type_mismatch = static_cast<NTSTATUS>(0xC0000024);
 
-using NtCancelIoFileExFn = NTSTATUS(NTAPI*)(HANDLE file, PIO_STATUS_BLOCK io, PIO_STATUS_BLOCK status);
+using NtCancelIoFileExFn = NTSTATUS(NTAPI*)(HANDLE file, PIO_STATUS_BLOCK io,
+                                            PIO_STATUS_BLOCK status);
 using NtCancelSynchronousIoFileFn = NTSTATUS(NTAPI*)(HANDLE thread, PIO_STATUS_BLOCK io,
                                                      PIO_STATUS_BLOCK status);
 
 struct NtCancelCalls {
-    NtCancelIoFileExFn cancel_ex;                    // cancels one request of any thread
+    NtCancelIoFileExFn cancel_ex;                   // cancels one request of any thread
     NtCancelSynchronousIoFileFn cancel_synchronous; // cancels a thread's blocking request
 };
 

@@ -12,9 +12,13 @@ namespace {
 // counts).
 constexpr size_t nt_path_limit = 32768;
 
-bool is_separator(wchar_t c) { return c == L'\\' || c == L'/'; }
+bool is_separator(wchar_t c) {
+    return c == L'\\' || c == L'/';
+}
 
-bool is_ascii_letter(wchar_t c) { return (c >= L'A' && c <= L'Z') || (c >= L'a' && c <= L'z'); }
+bool is_ascii_letter(wchar_t c) {
+    return (c >= L'A' && c <= L'Z') || (c >= L'a' && c <= L'z');
+}
 
 bool is_verbatim_prefix(const wchar_t* path) {
     return path[0] == L'\\' && path[1] == L'\\' && path[2] == L'?' && path[3] == L'\\';

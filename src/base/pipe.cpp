@@ -26,11 +26,11 @@ uint32_t pipe_create(bool duplex, bool overlapped, HANDLE* server, HANDLE* clien
     DWORD overlapped_flag = overlapped ? FILE_FLAG_OVERLAPPED : 0;
     // FILE_FLAG_FIRST_PIPE_INSTANCE: should the name exist after all, fail instead of joining
     // someone else's pipe.
-    OwnedHandle server_end(CreateNamedPipeW(
-        name,
-        (duplex ? PIPE_ACCESS_DUPLEX : PIPE_ACCESS_INBOUND) | FILE_FLAG_FIRST_PIPE_INSTANCE |
-            overlapped_flag,
-        PIPE_TYPE_BYTE | PIPE_READMODE_BYTE | PIPE_WAIT, 1, 0, 0, 30000, nullptr));
+    OwnedHandle server_end(CreateNamedPipeW(name,
+                                            (duplex ? PIPE_ACCESS_DUPLEX : PIPE_ACCESS_INBOUND) |
+                                                FILE_FLAG_FIRST_PIPE_INSTANCE | overlapped_flag,
+                                            PIPE_TYPE_BYTE | PIPE_READMODE_BYTE | PIPE_WAIT, 1, 0,
+                                            0, 30000, nullptr));
     if (!server_end.valid()) return GetLastError();
     OwnedHandle client_end(CreateFileW(name, duplex ? GENERIC_READ | GENERIC_WRITE : GENERIC_WRITE,
                                        0, nullptr, OPEN_EXISTING, overlapped_flag, nullptr));

@@ -74,8 +74,8 @@ uint32_t start_process(ProcessLaunch* launch, wchar_t* command_line, wchar_t* en
                                           LOGON_WITH_PROFILE, nullptr, command_line, flags,
                                           environment, launch->directory, &startup, &info);
     } else {
-        started = CreateProcessW(nullptr, command_line, nullptr, nullptr, TRUE, flags,
-                                 environment, launch->directory, &startup, &info);
+        started = CreateProcessW(nullptr, command_line, nullptr, nullptr, TRUE, flags, environment,
+                                 launch->directory, &startup, &info);
     }
     if (!started) return GetLastError();
     CloseHandle(info.hThread);
@@ -101,8 +101,7 @@ uint32_t process_launch(ProcessLaunch* launch, const wchar_t* const* arguments) 
     } else if (*arguments[0]) {
         wchar_t* base = program_directory(arena);
         wchar_t* found = program_find(
-            arena, program_find_current_directory | program_find_path_variable, base,
-            arguments[0]);
+            arena, program_find_current_directory | program_find_path_variable, base, arguments[0]);
         if (found) {
             size_t count = 0;
             while (arguments[count]) ++count;

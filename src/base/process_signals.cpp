@@ -4,18 +4,22 @@ namespace {
 
 // The fixed pins have tables of their own. A fixed-clear pin accepts every waiter and never
 // calls it, so withdrawing one always succeeds; a fixed-signalled pin accepts none.
-void fixed_unchanged(Signalable*) {}
-int fixed_clear_accepts(Signalable*, WaiterEntry*) { return 1; }
-int fixed_clear_still_registered(Signalable*, WaiterEntry*) { return 1; }
-int fixed_clear_signalled(Signalable*) { return 0; }
-int fixed_set_accepts(Signalable*, WaiterEntry*) { return 0; }
-int fixed_set_still_registered(Signalable*, WaiterEntry*) { return 0; }
-int fixed_set_signalled(Signalable*) { return 1; }
+void unchanged(Signalable*) {}
 
-const SignalableOps fixed_clear_ops = {fixed_unchanged, fixed_unchanged, fixed_clear_accepts,
-                                       fixed_clear_still_registered, fixed_clear_signalled};
-const SignalableOps fixed_set_ops = {fixed_unchanged, fixed_unchanged, fixed_set_accepts,
-                                     fixed_set_still_registered, fixed_set_signalled};
+const SignalableOps fixed_clear_ops = {
+    unchanged,
+    unchanged,
+    [](Signalable*, WaiterEntry*) { return 1; }, // accepted, never called
+    [](Signalable*, WaiterEntry*) { return 1; }, // still registered
+    [](Signalable*) { return 0; },
+};
+const SignalableOps fixed_set_ops = {
+    unchanged,
+    unchanged,
+    [](Signalable*, WaiterEntry*) { return 0; }, // already signalled
+    [](Signalable*, WaiterEntry*) { return 0; },
+    [](Signalable*) { return 1; },
+};
 
 // Zero-initialised pins need no creation step: "created on first use" costs nothing.
 Signalable g_fixed_clear{&fixed_clear_ops};

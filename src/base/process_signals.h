@@ -14,4 +14,6 @@
 // Indexes above 5 mean 5.
 Signalable* process_signal_pin(unsigned index);
 
-inline Signalable* shutdown_pin() { return process_signal_pin(1); }
+inline Signalable* shutdown_pin() {
+    return process_signal_pin(1);
+}

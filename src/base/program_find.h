@@ -5,9 +5,9 @@
 
 struct TextAllocator;
 
-constexpr uint32_t program_find_current_directory = 1;   // look in the current directory
-constexpr uint32_t program_find_current_if_path = 2;     // ... but only for names with a "\"
-constexpr uint32_t program_find_path_variable = 4;       // look in each directory of PATH
+constexpr uint32_t program_find_current_directory = 1; // look in the current directory
+constexpr uint32_t program_find_current_if_path = 2;   // ... but only for names with a "\"
+constexpr uint32_t program_find_path_variable = 4;     // look in each directory of PATH
 
 // Tries the base directory (if given), the current directory (per flags), then each non-empty
 // entry of PATH; returns the first candidate, made absolute, that names an existing file, or

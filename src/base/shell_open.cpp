@@ -10,8 +10,8 @@ uint32_t shell_open(const wchar_t* const* arguments) {
     TextArena arena;
     CommandLine line = command_line_build(arena, arguments);
     if (!line.text) return ERROR_OUTOFMEMORY;
-    const wchar_t* parameters = line.text[line.second_argument] ? line.text + line.second_argument
-                                                                 : nullptr;
+    const wchar_t* parameters =
+        line.text[line.second_argument] ? line.text + line.second_argument : nullptr;
     HINSTANCE result =
         ShellExecuteW(nullptr, L"open", arguments[0], parameters, nullptr, SW_SHOWNA);
     // ShellExecuteW reports success as a value above 32.

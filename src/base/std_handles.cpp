@@ -16,9 +16,9 @@ bool is_dead_console_handle(HANDLE handle) {
 void repair(DWORD which, DWORD access) {
     HANDLE handle = GetStdHandle(which);
     if (handle && handle != INVALID_HANDLE_VALUE && !is_dead_console_handle(handle)) return;
-    HANDLE null_device = CreateFileW(L"\\\\.\\NUL", access,
-                                     FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE,
-                                     nullptr, OPEN_EXISTING, 0, nullptr);
+    HANDLE null_device =
+        CreateFileW(L"\\\\.\\NUL", access, FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE,
+                    nullptr, OPEN_EXISTING, 0, nullptr);
     if (null_device != INVALID_HANDLE_VALUE) SetStdHandle(which, null_device);
 }
 

@@ -76,7 +76,9 @@ TraceChannel resolve(TraceLibrary* lib, TraceChannel channel) {
 
 } // namespace
 
-bool trace_enabled() { return library() != nullptr; }
+bool trace_enabled() {
+    return library() != nullptr;
+}
 
 TraceChannel trace_channel_open(const wchar_t* name) {
     TraceLibrary* lib = library();

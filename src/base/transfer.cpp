@@ -44,8 +44,7 @@ NTSTATUS cancel_from_any_thread(Transfer* transfer) {
     if (calls.cancel_ex)
         return calls.cancel_ex(transfer->handle, &transfer->status_block, &status_block);
     if (calls.cancel_synchronous && transfer->thread)
-        return calls.cancel_synchronous(transfer->thread, &transfer->status_block,
-                                        &status_block);
+        return calls.cancel_synchronous(transfer->thread, &transfer->status_block, &status_block);
     return nt_status_not_implemented;
 }
 
@@ -92,8 +91,8 @@ NTSTATUS issue(Transfer* transfer, uint8_t* buffer, ULONG length) {
     if (transfer->write)
         return NtWriteFile(transfer->handle, nullptr, routine, context, &transfer->status_block,
                            buffer, length, offset, nullptr);
-    return NtReadFile(transfer->handle, nullptr, routine, context, &transfer->status_block,
-                      buffer, length, offset, nullptr);
+    return NtReadFile(transfer->handle, nullptr, routine, context, &transfer->status_block, buffer,
+                      length, offset, nullptr);
 }
 
 bool time_has_run_out(const Transfer* transfer) {
@@ -118,8 +117,7 @@ NTSTATUS native_wait(Transfer* transfer, NTSTATUS status) {
         DWORD wait = INFINITE;
         if (!cancelled) {
             if (transfer->timed)
-                wait = static_cast<DWORD>(transfer->start_tick + transfer->timeout_ms -
-                                          tick_now());
+                wait = static_cast<DWORD>(transfer->start_tick + transfer->timeout_ms - tick_now());
             if (transfer->cancel && !transfer->bridge) wait = std::min<DWORD>(wait, 50);
         }
         if (!cancelled && transfer->cancel && transfer->bridge) {
@@ -219,8 +217,8 @@ uint32_t transfer_run(bool write, HANDLE handle, uint8_t* kind, Signalable* canc
     transfer.io_class = *kind & io_class_mask;
     if (write && transfer.io_class == io_class_console) transfer.io_class = io_class_plain;
     bool console = transfer.io_class == io_class_console;
-    bool native = transfer.io_class == io_class_synchronous ||
-                  transfer.io_class == io_class_asynchronous;
+    bool native =
+        transfer.io_class == io_class_synchronous || transfer.io_class == io_class_asynchronous;
     if (!console && !native) transfer.io_class = io_class_plain;
     const NtCancelCalls& calls = nt_cancel_calls();
 
@@ -257,8 +255,8 @@ uint32_t transfer_run(bool write, HANDLE handle, uint8_t* kind, Signalable* canc
         if ((*kind & io_device_mask) == io_device_disk) {
             IO_STATUS_BLOCK status_block;
             PositionInformation position;
-            if (NT_SUCCESS(NtQueryInformationFile(handle, &status_block, &position,
-                                                  sizeof position, file_position_information))) {
+            if (NT_SUCCESS(NtQueryInformationFile(handle, &status_block, &position, sizeof position,
+                                                  file_position_information))) {
                 transfer.positioned = true;
                 transfer.position = position.offset;
             }

@@ -24,8 +24,8 @@ struct Transfer {
     HANDLE handle = INVALID_HANDLE_VALUE;
     bool write = false;
     uint8_t io_class = 0;
-    bool positioned = false;   // disk files: `position` is passed to every call
-    LARGE_INTEGER position{};  // advanced after each chunk
+    bool positioned = false;      // disk files: `position` is passed to every call
+    LARGE_INTEGER position{};     // advanced after each chunk
     Signalable* cancel = nullptr; // the effective cancel source (caller's, time-out's or both)
     EventBridge* bridge = nullptr;
     uint32_t timeout_ms = 0;

@@ -15,7 +15,9 @@ inline std::wstring test_program_directory() {
     return directory.substr(0, directory.find_last_of(L'\\'));
 }
 
-inline std::wstring io_child_path() { return test_program_directory() + L"\\io_child.exe"; }
+inline std::wstring io_child_path() {
+    return test_program_directory() + L"\\io_child.exe";
+}
 
 struct StartedChild {
     OwnedHandle process;

@@ -41,8 +41,7 @@ TEST(CommandLine, QuotingRules) {
     // blanks it is doubled before the closing quote.
     size_t second = 0;
     EXPECT_EQ(L"\"C:\\p q\\prog.exe\" a \"\" \"b c\" d\\\"e f\\ \"g h\\\\\" i\\\\\\\"j",
-              build({L"C:\\p q\\prog.exe", L"a", L"", L"b c", L"d\"e", L"f\\", L"g h\\",
-                     L"i\\\"j"},
+              build({L"C:\\p q\\prog.exe", L"a", L"", L"b c", L"d\"e", L"f\\", L"g h\\", L"i\\\"j"},
                     &second));
     EXPECT_EQ(18u, second);
     EXPECT_EQ(L"\"prog\"", build({L"prog"}, &second));

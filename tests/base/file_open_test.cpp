@@ -20,7 +20,8 @@ protected:
     void SetUp() override {
         wchar_t temp[MAX_PATH];
         GetTempPathW(MAX_PATH, temp);
-        directory_ = std::wstring(temp) + L"zun_file_open_" + std::to_wstring(GetCurrentProcessId());
+        directory_ =
+            std::wstring(temp) + L"zun_file_open_" + std::to_wstring(GetCurrentProcessId());
         CreateDirectoryW(directory_.c_str(), nullptr);
     }
     void TearDown() override {
@@ -68,11 +69,10 @@ NTSTATUS plain_replace_status(const std::wstring& path) {
     InitializeObjectAttributes(&object, &nt, OBJ_CASE_INSENSITIVE, nullptr, nullptr);
     IO_STATUS_BLOCK status_block;
     HANDLE handle;
-    NTSTATUS status = NtCreateFile(&handle, FILE_WRITE_DATA | SYNCHRONIZE, &object,
-                                   &status_block, nullptr, FILE_ATTRIBUTE_ARCHIVE, 0,
-                                   FILE_OVERWRITE_IF,
-                                   FILE_NON_DIRECTORY_FILE | FILE_SYNCHRONOUS_IO_NONALERT,
-                                   nullptr, 0);
+    NTSTATUS status =
+        NtCreateFile(&handle, FILE_WRITE_DATA | SYNCHRONIZE, &object, &status_block, nullptr,
+                     FILE_ATTRIBUTE_ARCHIVE, 0, FILE_OVERWRITE_IF,
+                     FILE_NON_DIRECTORY_FILE | FILE_SYNCHRONOUS_IO_NONALERT, nullptr, 0);
     if (NT_SUCCESS(status)) CloseHandle(handle);
     return status;
 }
@@ -83,7 +83,8 @@ TEST_F(FileOpen, ReplacingAnExistingHiddenFileSucceeds) {
     NTSTATUS plain = plain_replace_status(probe);
     // Windows refuses (so file_open needs its second attempt); Wine does not enforce the rule.
     EXPECT_TRUE(plain == 0 || plain == static_cast<NTSTATUS>(0xC0000022)) << std::hex << plain;
-    if (plain == 0) printf("    note: this platform replaces hidden files without the hidden bit\n");
+    if (plain == 0)
+        printf("    note: this platform replaces hidden files without the hidden bit\n");
 
     std::wstring hidden = path(L"hidden.dat");
     write_file(hidden, "old contents", FILE_ATTRIBUTE_HIDDEN);

@@ -138,9 +138,9 @@ struct LateSignal {
 // Console line reads in a console of its own. The exit code has a bit for each check that
 // failed; 64 when there is no console to read.
 int console_read() {
-    HANDLE input = CreateFileW(L"CONIN$", GENERIC_READ | GENERIC_WRITE,
-                               FILE_SHARE_READ | FILE_SHARE_WRITE, nullptr, OPEN_EXISTING, 0,
-                               nullptr);
+    HANDLE input =
+        CreateFileW(L"CONIN$", GENERIC_READ | GENERIC_WRITE, FILE_SHARE_READ | FILE_SHARE_WRITE,
+                    nullptr, OPEN_EXISTING, 0, nullptr);
     if (input == INVALID_HANDLE_VALUE) return 64;
     int failed = 0;
     uint8_t kind = 0;
@@ -172,11 +172,11 @@ int console_read() {
     // A cancel source signalled during the read, and one signalled before it.
     {
         LateSignal cancel(50);
-        if (io_read_ex(input, &kind, &cancel.pin, io_no_timeout, buffer, sizeof buffer,
-                       &count) != 995)
+        if (io_read_ex(input, &kind, &cancel.pin, io_no_timeout, buffer, sizeof buffer, &count) !=
+            995)
             failed |= 32;
-        if (io_read_ex(input, &kind, &cancel.pin, io_no_timeout, buffer, sizeof buffer,
-                       &count) != 995)
+        if (io_read_ex(input, &kind, &cancel.pin, io_no_timeout, buffer, sizeof buffer, &count) !=
+            995)
             failed |= 32;
     }
     CloseHandle(input);

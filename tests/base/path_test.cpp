@@ -96,7 +96,8 @@ TEST(PathToNt, PrefixRules) {
 TEST(PathToNt, AgreesWithNtdllOnDosPaths) {
     wchar_t current[MAX_PATH];
     GetCurrentDirectoryW(MAX_PATH, current);
-    const std::wstring long_name = L"C:\\" + std::wstring(300, L'L') + L"\\" + std::wstring(300, L'M');
+    const std::wstring long_name =
+        L"C:\\" + std::wstring(300, L'L') + L"\\" + std::wstring(300, L'M');
     const wchar_t* paths[] = {
         L"C:\\a\\b",
         L"c:/a/b/../c",

@@ -37,8 +37,7 @@ std::string read_all(HANDLE handle) {
     std::string data;
     char buffer[4096];
     size_t count;
-    while (io_read_ex(handle, nullptr, nullptr, 20000, buffer, sizeof buffer, &count) == 0 &&
-           count)
+    while (io_read_ex(handle, nullptr, nullptr, 20000, buffer, sizeof buffer, &count) == 0 && count)
         data.append(buffer, count);
     return data;
 }
@@ -130,7 +129,8 @@ TEST(ProcessLaunch, UnknownProgramFailsWith87AndLeavesNoProcess) {
 TEST(ProcessLaunch, ProgramsAreFoundBesideTheProgramInTheCurrentDirectoryAndOnPath) {
     wchar_t temp[MAX_PATH];
     GetTempPathW(MAX_PATH, temp);
-    std::wstring directory = std::wstring(temp) + L"zun_find_" + std::to_wstring(GetCurrentProcessId());
+    std::wstring directory =
+        std::wstring(temp) + L"zun_find_" + std::to_wstring(GetCurrentProcessId());
     CreateDirectoryW(directory.c_str(), nullptr);
     std::wstring copy = directory + L"\\zun_found_child.exe";
     ASSERT_TRUE(CopyFileW(io_child_path().c_str(), copy.c_str(), FALSE));
@@ -154,7 +154,8 @@ TEST(ProcessLaunch, ProgramsAreFoundBesideTheProgramInTheCurrentDirectoryAndOnPa
     DWORD size = GetEnvironmentVariableW(L"PATH", nullptr, 0);
     std::wstring saved_path(size, L'\0');
     saved_path.resize(GetEnvironmentVariableW(L"PATH", saved_path.data(), size));
-    SetEnvironmentVariableW(L"PATH", (L";;C:\\zun_nowhere;" + directory + L";" + saved_path).c_str());
+    SetEnvironmentVariableW(L"PATH",
+                            (L";;C:\\zun_nowhere;" + directory + L";" + saved_path).c_str());
     ChildPipe output(true);
     ProcessLaunch launch;
     launch.std_output = output.child_end;
@@ -174,7 +175,7 @@ TEST(ProcessLaunch, ArgumentsEnvironmentAndDirectoryArriveAsGiven) {
         ChildPipe output(true);
         ProcessLaunch launch;
         launch.std_output = output.child_end;
-        const wchar_t* arguments[] = {program.c_str(), L"args", L"two words", L"",
+        const wchar_t* arguments[] = {program.c_str(),  L"args",       L"two words", L"",
                                       L"quote\"inside", L"trailing\\", L"tab\there", nullptr};
         ASSERT_EQ(0u, process_launch(&launch, arguments));
         EXPECT_EQ("two words\n\nquote\"inside\ntrailing\\\ntab\there\n",
@@ -235,8 +236,8 @@ TEST(ShellOpen, OpensAProgramWithItsParameters) {
     // The child sets the event named after everything it was given.
     OwnedHandle event(CreateEventW(nullptr, TRUE, FALSE, (name + L"|two words|x").c_str()));
     const std::wstring program = io_child_path();
-    const wchar_t* arguments[] = {program.c_str(), L"signal", name.c_str(), L"two words", L"x",
-                                  nullptr};
+    const wchar_t* arguments[] = {program.c_str(), L"signal", name.c_str(),
+                                  L"two words",    L"x",      nullptr};
     ASSERT_EQ(0u, shell_open(arguments));
     EXPECT_EQ(WAIT_OBJECT_0, WaitForSingleObject(event.get(), 20000));
 

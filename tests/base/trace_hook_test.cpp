@@ -24,8 +24,8 @@ DWORD run(const std::wstring& program, const wchar_t* mode) {
 }
 
 std::string read_text(const std::wstring& path) {
-    HANDLE file = CreateFileW(path.c_str(), GENERIC_READ, FILE_SHARE_READ, nullptr,
-                              OPEN_EXISTING, 0, nullptr);
+    HANDLE file = CreateFileW(path.c_str(), GENERIC_READ, FILE_SHARE_READ, nullptr, OPEN_EXISTING,
+                              0, nullptr);
     std::string text;
     char buffer[8192];
     DWORD got;
@@ -39,7 +39,8 @@ std::string read_text(const std::wstring& path) {
 TEST(TraceHook, LinesReachTheTraceLibraryWhenItIsPresent) {
     wchar_t temp[MAX_PATH];
     GetTempPathW(MAX_PATH, temp);
-    std::wstring directory = std::wstring(temp) + L"zun_trace_" + std::to_wstring(GetCurrentProcessId());
+    std::wstring directory =
+        std::wstring(temp) + L"zun_trace_" + std::to_wstring(GetCurrentProcessId());
     CreateDirectoryW(directory.c_str(), nullptr);
     std::wstring program = directory + L"\\io_child.exe";
     std::wstring library = directory + L"\\traceapp.dll";
@@ -55,10 +56,12 @@ TEST(TraceHook, LinesReachTheTraceLibraryWhenItIsPresent) {
     EXPECT_EQ(0u, code);
     EXPECT_EQ("io_child: hello 42 world\n"
               "second: direct\n"
-              "second: " + std::string(2000, 'x') + "\n"
-              "released second\n"
-              "released io_child\n"
-              "closed\n",
+              "second: " +
+                  std::string(2000, 'x') +
+                  "\n"
+                  "released second\n"
+                  "released io_child\n"
+                  "closed\n",
               read_text(output));
 
     DeleteFileW(output.c_str());

@@ -49,15 +49,14 @@ TEST_P(PipeTransfer, ReadsWhatWasWrittenThenZeroBytesOnceTheWriterHasClosed) {
     char buffer[64];
     {
         Writer writer(pipe.client.get(), "hello");
-        ASSERT_EQ(0u, io_read_ex(pipe.server.get(), &kind, nullptr, 5000, buffer, sizeof buffer,
-                                 &count));
+        ASSERT_EQ(
+            0u, io_read_ex(pipe.server.get(), &kind, nullptr, 5000, buffer, sizeof buffer, &count));
     }
     EXPECT_EQ("hello", std::string(buffer, count));
-    EXPECT_EQ(io_device_pipe | (GetParam() ? io_class_asynchronous : io_class_synchronous),
-              kind);
+    EXPECT_EQ(io_device_pipe | (GetParam() ? io_class_asynchronous : io_class_synchronous), kind);
     pipe.client.reset();
-    EXPECT_EQ(0u, io_read_ex(pipe.server.get(), &kind, nullptr, 5000, buffer, sizeof buffer,
-                             &count));
+    EXPECT_EQ(0u,
+              io_read_ex(pipe.server.get(), &kind, nullptr, 5000, buffer, sizeof buffer, &count));
     EXPECT_EQ(0u, count);
 }
 
@@ -66,10 +65,11 @@ TEST_P(PipeTransfer, TimeOutOnAnIdlePipeGives121AfterTheTimeOut) {
     char buffer[16];
     size_t count = 99;
     uint64_t start = tick_now();
-    EXPECT_EQ(121u, io_read_ex(pipe.server.get(), nullptr, nullptr, 100, buffer, sizeof buffer,
-                               &count));
+    EXPECT_EQ(121u,
+              io_read_ex(pipe.server.get(), nullptr, nullptr, 100, buffer, sizeof buffer, &count));
     uint64_t elapsed = tick_now() - start;
-    printf("    100 ms time-out returned after %llu ms\n", static_cast<unsigned long long>(elapsed));
+    printf("    100 ms time-out returned after %llu ms\n",
+           static_cast<unsigned long long>(elapsed));
     EXPECT_EQ(0u, count);
     EXPECT_GE(elapsed, 95u);
     EXPECT_LT(elapsed, 600u);
@@ -99,11 +99,11 @@ TEST_P(PipeTransfer, CancelSourceBeforeTheCallIssuesNothingAndDuringItBreaksItOf
                                sizeof buffer, &count));
     // With a time-out as well, whichever fires first decides.
     LateSignal early(30);
-    EXPECT_EQ(995u, io_read_ex(pipe.server.get(), nullptr, &early.pin, 5000, buffer,
-                               sizeof buffer, &count));
-    Pin never{};
-    EXPECT_EQ(121u, io_read_ex(pipe.server.get(), nullptr, &never, 50, buffer, sizeof buffer,
+    EXPECT_EQ(995u, io_read_ex(pipe.server.get(), nullptr, &early.pin, 5000, buffer, sizeof buffer,
                                &count));
+    Pin never{};
+    EXPECT_EQ(121u,
+              io_read_ex(pipe.server.get(), nullptr, &never, 50, buffer, sizeof buffer, &count));
     EXPECT_FALSE(pin_is_signalled(&never));
 }
 
@@ -158,10 +158,9 @@ TEST_P(PipeTransfer, FilesGoInChunksAndKeepTheirPosition) {
     GetTempPathW(MAX_PATH, directory);
     std::wstring path = std::wstring(directory) + L"zun_transfer_" +
                         std::to_wstring(GetCurrentProcessId()) + L".bin";
-    OwnedHandle file(CreateFileW(path.c_str(), GENERIC_READ | GENERIC_WRITE, 0, nullptr,
-                                 CREATE_ALWAYS,
-                                 FILE_FLAG_DELETE_ON_CLOSE | (GetParam() ? FILE_FLAG_OVERLAPPED : 0),
-                                 nullptr));
+    OwnedHandle file(
+        CreateFileW(path.c_str(), GENERIC_READ | GENERIC_WRITE, 0, nullptr, CREATE_ALWAYS,
+                    FILE_FLAG_DELETE_ON_CLOSE | (GetParam() ? FILE_FLAG_OVERLAPPED : 0), nullptr));
     ASSERT_TRUE(file.valid());
     const size_t size = io_chunk_size + 4096 + 17;
     std::vector<uint8_t> data(size);
@@ -170,8 +169,7 @@ TEST_P(PipeTransfer, FilesGoInChunksAndKeepTheirPosition) {
     uint8_t kind = 0;
     size_t count = 0;
     // Two writes: the second must land after the first.
-    ASSERT_EQ(0u, io_write_ex(file.get(), &kind, nullptr, io_no_timeout, data.data(), 100,
-                              &count));
+    ASSERT_EQ(0u, io_write_ex(file.get(), &kind, nullptr, io_no_timeout, data.data(), 100, &count));
     ASSERT_EQ(0u, io_write_ex(file.get(), &kind, nullptr, io_no_timeout, data.data() + 100,
                               size - 100, &count));
     EXPECT_EQ(size - 100, count);
@@ -183,12 +181,11 @@ TEST_P(PipeTransfer, FilesGoInChunksAndKeepTheirPosition) {
     // More than there is: what there is, across the chunk boundary; then nothing.
     ASSERT_EQ(0u, io_seek(file.get(), 0, FILE_BEGIN));
     std::vector<uint8_t> back(size + 100);
-    ASSERT_EQ(0u, io_read_ex(file.get(), &kind, nullptr, io_no_timeout, back.data(),
-                             back.size(), &count));
+    ASSERT_EQ(0u, io_read_ex(file.get(), &kind, nullptr, io_no_timeout, back.data(), back.size(),
+                             &count));
     back.resize(count);
     EXPECT_TRUE(back == data);
-    ASSERT_EQ(0u, io_read_ex(file.get(), &kind, nullptr, io_no_timeout, back.data(), 10,
-                             &count));
+    ASSERT_EQ(0u, io_read_ex(file.get(), &kind, nullptr, io_no_timeout, back.data(), 10, &count));
     EXPECT_EQ(0u, count);
 
     ASSERT_EQ(0u, io_seek(file.get(), 1000, FILE_BEGIN));
