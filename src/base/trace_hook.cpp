@@ -6,6 +6,7 @@
 
 #include "base/format.h"
 #include "base/sync.h"
+#include "base/text.h"
 #include "base/thread.h"
 
 namespace {
@@ -121,11 +122,9 @@ void trace_vprint(TraceChannel channel, const wchar_t* format, va_list args) {
     size_t length = text_vformat(small, sizeof small / sizeof small[0], format, args);
     if (length < sizeof small / sizeof small[0]) {
         lib->Print(target, small, length);
-    } else if (auto* large = static_cast<wchar_t*>(
-                   HeapAlloc(GetProcessHeap(), 0, (length + 1) * sizeof(wchar_t)))) {
-        text_vformat(large, length + 1, format, again);
+    } else if (wchar_t* large = text_vformat_alloc(format, again)) {
         lib->Print(target, large, length);
-        HeapFree(GetProcessHeap(), 0, large);
+        text_free(large);
     }
     va_end(again);
     if (channel == trace_default_channel) lib->ReleaseChannel(target);
