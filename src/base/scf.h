@@ -74,8 +74,8 @@ void scf_register(ScfInterpreter* scf, const wchar_t* name, ScfCommand* command)
 
 // Sets a variable of the running script's scope (at the top level when no script runs).
 void scf_set_var(ScfInterpreter* scf, const wchar_t* name, const wchar_t* value);
-void scf_set_var(ScfInterpreter* scf, const wchar_t* name, size_t name_length,
-                 const wchar_t* value, size_t value_length);
+void scf_set_var(ScfInterpreter* scf, const wchar_t* name, size_t name_length, const wchar_t* value,
+                 size_t value_length);
 
 // Runs a script at the top level: variables it sets stay for later runs. The result is cleared
 // first. Returns the exit status: 0, the value given to `exit`, or -1 after an error.

@@ -29,7 +29,9 @@ void set_number(ScfInterpreter* scf, int64_t value) {
     scf_set_result(scf, text, length);
 }
 
-void set_truth(ScfInterpreter* scf, bool value) { scf_set_result(scf, value ? L"1" : L"0", 1); }
+void set_truth(ScfInterpreter* scf, bool value) {
+    scf_set_result(scf, value ? L"1" : L"0", 1);
+}
 
 // Words 1.. joined with single blanks, then `suffix`: a new heap string (text_free), or null
 // when memory is short.
@@ -131,7 +133,9 @@ void cmd_while(ScfInterpreter* scf) {
     }
 }
 
-void cmd_not(ScfInterpreter* scf) { set_truth(scf, scf_word_value(scf, 1) == 0); }
+void cmd_not(ScfInterpreter* scf) {
+    set_truth(scf, scf_word_value(scf, 1) == 0);
+}
 
 void cmd_len(ScfInterpreter* scf) {
     set_number(scf, static_cast<int64_t>(scf_word_length(scf, 1)));
@@ -164,17 +168,28 @@ template <Op op> void cmd_binary(ScfInterpreter* scf) {
     // Sums, differences and products wrap around in two's complement rather than overflow.
     auto ua = static_cast<uint64_t>(a), ub = static_cast<uint64_t>(b);
     switch (op) {
-    case Op::eq: return set_truth(scf, a == b);
-    case Op::ne: return set_truth(scf, a != b);
-    case Op::gt: return set_truth(scf, a > b);
-    case Op::ge: return set_truth(scf, a >= b);
-    case Op::lt: return set_truth(scf, a < b);
-    case Op::le: return set_truth(scf, a <= b);
-    case Op::both: return set_truth(scf, a != 0 && b != 0);
-    case Op::either: return set_truth(scf, a != 0 || b != 0);
-    case Op::add: return set_number(scf, static_cast<int64_t>(ua + ub));
-    case Op::sub: return set_number(scf, static_cast<int64_t>(ua - ub));
-    case Op::mul: return set_number(scf, static_cast<int64_t>(ua * ub));
+    case Op::eq:
+        return set_truth(scf, a == b);
+    case Op::ne:
+        return set_truth(scf, a != b);
+    case Op::gt:
+        return set_truth(scf, a > b);
+    case Op::ge:
+        return set_truth(scf, a >= b);
+    case Op::lt:
+        return set_truth(scf, a < b);
+    case Op::le:
+        return set_truth(scf, a <= b);
+    case Op::both:
+        return set_truth(scf, a != 0 && b != 0);
+    case Op::either:
+        return set_truth(scf, a != 0 || b != 0);
+    case Op::add:
+        return set_number(scf, static_cast<int64_t>(ua + ub));
+    case Op::sub:
+        return set_number(scf, static_cast<int64_t>(ua - ub));
+    case Op::mul:
+        return set_number(scf, static_cast<int64_t>(ua * ub));
     case Op::div:
     case Op::rem:
         if (b == 0) {
@@ -225,6 +240,5 @@ Builtin g_builtins[] = {
 } // namespace
 
 void scf_register_builtins(ScfInterpreter* scf) {
-    for (Builtin& builtin : g_builtins)
-        scf->commands.push({builtin.name, nullptr, &builtin});
+    for (Builtin& builtin : g_builtins) scf->commands.push({builtin.name, nullptr, &builtin});
 }

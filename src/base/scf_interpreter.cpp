@@ -21,13 +21,17 @@ const wchar_t scf_msg_nested_too_deeply[] = L"ERROR SCF: Scripts nested too deep
 
 namespace {
 
-HANDLE heap() { return GetProcessHeap(); }
+HANDLE heap() {
+    return GetProcessHeap();
+}
 
 void free_word(ScfWord& word) {
     if (word.owned) HeapFree(heap(), 0, word.owned);
 }
 
-void free_var(ScfVar& var) { HeapFree(heap(), 0, var.block); }
+void free_var(ScfVar& var) {
+    HeapFree(heap(), 0, var.block);
+}
 
 // Drops the variables from index `depth` on.
 void pop_vars(ScfInterpreter* scf, size_t depth) {
@@ -125,8 +129,8 @@ void scf_set_var(ScfInterpreter* scf, const wchar_t* name, const wchar_t* value)
     scf_set_var(scf, name, text_length(name), value, text_length(value));
 }
 
-void scf_set_var(ScfInterpreter* scf, const wchar_t* name, size_t name_length,
-                 const wchar_t* value, size_t value_length) {
+void scf_set_var(ScfInterpreter* scf, const wchar_t* name, size_t name_length, const wchar_t* value,
+                 size_t value_length) {
     auto* block = static_cast<wchar_t*>(
         HeapAlloc(heap(), 0, (name_length + value_length + 2) * sizeof(wchar_t)));
     if (!block) return;
@@ -174,9 +178,13 @@ const wchar_t* scf_result(ScfInterpreter* scf, size_t* length) {
     return scf->result.text ? scf->result.text : L"";
 }
 
-void* scf_context(ScfInterpreter* scf) { return scf->context; }
+void* scf_context(ScfInterpreter* scf) {
+    return scf->context;
+}
 
-size_t scf_word_count(ScfInterpreter* scf) { return scf->command.count; }
+size_t scf_word_count(ScfInterpreter* scf) {
+    return scf->command.count;
+}
 
 const wchar_t* scf_word(ScfInterpreter* scf, size_t index, size_t* length) {
     if (index >= scf->command.count) {
@@ -254,9 +262,13 @@ void scf_stop(ScfInterpreter* scf, int status) {
     scf->status = status;
 }
 
-bool scf_stopped(ScfInterpreter* scf) { return scf->stop; }
+bool scf_stopped(ScfInterpreter* scf) {
+    return scf->stop;
+}
 
-void scf_redispatch(ScfInterpreter* scf, size_t index) { scf->redispatch = index; }
+void scf_redispatch(ScfInterpreter* scf, size_t index) {
+    scf->redispatch = index;
+}
 
 void scf_run_scoped(ScfInterpreter* scf, const wchar_t* text, size_t length, ScfSpan arguments) {
     if (scf->depth >= scf_max_depth) {

@@ -10,9 +10,13 @@ bool is_name_char(wchar_t c) {
     return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') || c == '_';
 }
 
-bool ends_word(wchar_t c) { return scf_is_blank(c) || c == ';' || c == '\n'; }
+bool ends_word(wchar_t c) {
+    return scf_is_blank(c) || c == ';' || c == '\n';
+}
 
-bool is_plain(wchar_t c) { return !ends_word(c) && c != '{' && c != '}' && c != '$'; }
+bool is_plain(wchar_t c) {
+    return !ends_word(c) && c != '{' && c != '}' && c != '$';
+}
 
 // The "}" that matches the "{" before `p`, or null. Braces nest; nothing else is special.
 const wchar_t* matching_brace(const wchar_t* p, const wchar_t* end) {

@@ -22,9 +22,8 @@ template <typename T> struct ScfArray {
     bool push(const T& item) {
         if (count == capacity) {
             size_t grown = capacity + capacity / 4 + 4;
-            void* block =
-                items ? HeapReAlloc(GetProcessHeap(), 0, items, grown * sizeof(T))
-                      : HeapAlloc(GetProcessHeap(), 0, grown * sizeof(T));
+            void* block = items ? HeapReAlloc(GetProcessHeap(), 0, items, grown * sizeof(T))
+                                : HeapAlloc(GetProcessHeap(), 0, grown * sizeof(T));
             if (!block) return false;
             items = static_cast<T*>(block);
             capacity = grown;
@@ -97,7 +96,9 @@ struct ScfInterpreter {
 // rather than a stack overflow.
 constexpr unsigned scf_max_depth = 100;
 
-inline bool scf_is_blank(wchar_t c) { return c == ' ' || c == '\t' || c == '\r' || c == 0xFEFF; }
+inline bool scf_is_blank(wchar_t c) {
+    return c == ' ' || c == '\t' || c == '\r' || c == 0xFEFF;
+}
 
 // Runs the commands of a script in the current scope (scf_lexer.cpp).
 void scf_execute(ScfInterpreter* scf, const wchar_t* text, size_t length);

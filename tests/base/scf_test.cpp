@@ -152,19 +152,39 @@ TEST(Scf, ValueCommands) {
         const wchar_t* script;
         const wchar_t* result;
     } cases[] = {
-        {L"+ 2 3", L"5"},          {L"- 2 3", L"-1"},       {L"* -4 0x10", L"-64"},
-        {L"/ 7 2", L"3"},          {L"/ -7 2", L"-3"},      {L"% -7 2", L"-1"},
+        {L"+ 2 3", L"5"},
+        {L"- 2 3", L"-1"},
+        {L"* -4 0x10", L"-64"},
+        {L"/ 7 2", L"3"},
+        {L"/ -7 2", L"-3"},
+        {L"% -7 2", L"-1"},
         {L"+ 9223372036854775807 1", L"-9223372036854775808"},
         {L"/ -9223372036854775808 -1", L"-9223372036854775808"},
-        {L"= 10 0xA", L"1"},       {L"!= 1 1", L"0"},       {L"<> 1 2", L"1"},
-        {L"> 2 1", L"1"},          {L">= 1 1", L"1"},       {L"< -1 0", L"1"},
-        {L"<= 2 1", L"0"},         {L"&& yes 2", L"1"},     {L"&& 1 off", L"0"},
-        {L"|| 0 no", L"0"},        {L"|| 0 true", L"1"},    {L"! 0", L"1"},
-        {L"! enabled", L"0"},      {L"len {a b}", L"3"},    {L"len {}", L"0"},
-        {L"cmp abc abd", L"-1"},   {L"cmp ab a", L"1"},     {L"cmp B a", L"-1"},
-        {L"asciicmpi B a", L"1"},  {L"asciicmpi ABC abc", L"0"},
-        {L"glob a*c abbc", L"1"},  {L"glob a?c ABC", L"0"}, {L"asciiglobi a?c ABC", L"1"},
-        {L"get nothing", L""},     {L"out", L"<error>"},
+        {L"= 10 0xA", L"1"},
+        {L"!= 1 1", L"0"},
+        {L"<> 1 2", L"1"},
+        {L"> 2 1", L"1"},
+        {L">= 1 1", L"1"},
+        {L"< -1 0", L"1"},
+        {L"<= 2 1", L"0"},
+        {L"&& yes 2", L"1"},
+        {L"&& 1 off", L"0"},
+        {L"|| 0 no", L"0"},
+        {L"|| 0 true", L"1"},
+        {L"! 0", L"1"},
+        {L"! enabled", L"0"},
+        {L"len {a b}", L"3"},
+        {L"len {}", L"0"},
+        {L"cmp abc abd", L"-1"},
+        {L"cmp ab a", L"1"},
+        {L"cmp B a", L"-1"},
+        {L"asciicmpi B a", L"1"},
+        {L"asciicmpi ABC abc", L"0"},
+        {L"glob a*c abbc", L"1"},
+        {L"glob a?c ABC", L"0"},
+        {L"asciiglobi a?c ABC", L"1"},
+        {L"get nothing", L""},
+        {L"out", L"<error>"},
     };
     for (const Case& c : cases) {
         host.messages.clear();
@@ -179,9 +199,8 @@ TEST(Scf, DivisionByZeroGivesZeroAndGoesOn) {
     EXPECT_EQ(host.run_script(L"rec ${/ 5 0} ${% 5 0}; rec after"), 0);
     ASSERT_EQ(host.records.size(), 2u);
     EXPECT_EQ(host.records[0], (Words{L"0", L"0"}));
-    EXPECT_EQ(host.messages,
-              (Words{L"ERROR SCF: Division by zero in / command.\n",
-                     L"ERROR SCF: Division by zero in % command.\n"}));
+    EXPECT_EQ(host.messages, (Words{L"ERROR SCF: Division by zero in / command.\n",
+                                    L"ERROR SCF: Division by zero in % command.\n"}));
 }
 
 TEST(Scf, ErrorsStopTheScriptAndKeepWhatWasDone) {
@@ -193,12 +212,16 @@ TEST(Scf, ErrorsStopTheScriptAndKeepWhatWasDone) {
         {L"rec before\nrec x ${out y\nrec after", L"ERROR SCF: Unmatched open brace.\n"},
         {L"rec before\nrec close}\nrec after", L"ERROR SCF: Unmatched close brace.\n"},
         {L"rec before\nfrobnicate a b\nrec after", L"ERROR SCF: Unknown command \"frobnicate\".\n"},
-        {L"rec before\nset\nrec after", L"ERROR SCF: Too few arguments specified for set command.\n"},
-        {L"rec before\nget a b\nrec after", L"ERROR SCF: Too many arguments specified for get command.\n"},
-        {L"rec before\nif 0 {} els {}\nrec after", L"ERROR SCF: Expecting \"else\" but found \"els\".\n"},
+        {L"rec before\nset\nrec after",
+         L"ERROR SCF: Too few arguments specified for set command.\n"},
+        {L"rec before\nget a b\nrec after",
+         L"ERROR SCF: Too many arguments specified for get command.\n"},
+        {L"rec before\nif 0 {} els {}\nrec after",
+         L"ERROR SCF: Expecting \"else\" but found \"els\".\n"},
         {L"rec before\nif 0 {} else\nrec after", L"ERROR SCF: Missing else body.\n"},
         // An error deep inside stops every enclosing script.
-        {L"rec before\nif 1 {while {out 1} {parse {nope}}; rec inner}\nrec after", L"ERROR SCF: Unknown command \"nope\".\n"},
+        {L"rec before\nif 1 {while {out 1} {parse {nope}}; rec inner}\nrec after",
+         L"ERROR SCF: Unknown command \"nope\".\n"},
     };
     for (const Case& c : cases) {
         Host host;
