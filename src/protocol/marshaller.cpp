@@ -76,6 +76,16 @@ uint32_t marshaller_create(uint32_t version, void** table) {
     return 0;
 }
 
+template <uint32_t Version> uint32_t marshaller_create_version(void** table) {
+    return marshaller_create(Version, table);
+}
+
+const MarshallerInterface kMarshallerInterfaces[kMarshallerVersionMax] = {
+    {kMarshallerId1, marshaller_create_version<1>}, {kMarshallerId2, marshaller_create_version<2>},
+    {kMarshallerId3, marshaller_create_version<3>}, {kMarshallerId4, marshaller_create_version<4>},
+    {kMarshallerId5, marshaller_create_version<5>}, {kMarshallerId6, marshaller_create_version<6>},
+};
+
 // ---------------------------------------------------------------------------------------------
 // Services
 

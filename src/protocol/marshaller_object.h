@@ -110,6 +110,10 @@ public:
     // Test probes: marshallers alive in the process.
     static long live_count();
 
+    // Read and write calls the transport has made: what a message costs in system calls.
+    std::atomic<uint64_t> transport_reads{0};
+    std::atomic<uint64_t> transport_writes{0};
+
 private:
     explicit MarshallerObject(uint32_t version);
     ~MarshallerObject();
@@ -160,9 +164,18 @@ private:
     size_t password_length_ = 0;
 };
 
-// The creation function behind "ZunMarshaller<version>": 0 and the table in *table, or 14 (and
-// null) when memory is short. Versions outside 1 to 6 give 87.
+// Creates a marshaller of `version` and hands out its table: 0 and the table in *table, or 14
+// (and null) when memory is short. Versions outside 1 to 6 give 87.
 uint32_t marshaller_create(uint32_t version, void** table);
+
+// The interface ids "ZunMarshaller1" to "ZunMarshaller6" with their creation functions, for the
+// factory to hand out.
+using InterfaceCreate = uint32_t (*)(void** table);
+struct MarshallerInterface {
+    const char* id;
+    InterfaceCreate create;
+};
+extern const MarshallerInterface kMarshallerInterfaces[kMarshallerVersionMax];
 
 // System error conversion with its warning, shared by ConvertSystemError and the adapters.
 ProtocolError marshaller_convert_system_error(MarshallerObject* marshaller, uint32_t system_error);

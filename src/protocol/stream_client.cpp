@@ -24,8 +24,10 @@ StreamClient::~StreamClient() {
 }
 
 uint32_t StreamClient::connect(uint32_t timeout_ms) {
-    uint32_t error = send(kClientReadyLine, kReadyLineLength);
-    return error ? error : wait_ready(timeout_ms);
+    // The server's line comes first: taking it before sending ours works on pipes without a
+    // buffer as well, where each write waits for its reader.
+    uint32_t error = wait_ready(timeout_ms);
+    return error ? error : send(kClientReadyLine, kReadyLineLength);
 }
 
 uint32_t StreamClient::wait_ready(uint32_t timeout_ms) {

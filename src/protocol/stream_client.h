@@ -20,8 +20,8 @@ public:
     StreamClient(const StreamClient&) = delete;
     StreamClient& operator=(const StreamClient&) = delete;
 
-    // Sends the client's ready line and waits for the server's, which must come first on the
-    // stream (11 otherwise).
+    // Waits for the server's ready line, which must come first on the stream (11 otherwise),
+    // and sends the client's.
     uint32_t connect(uint32_t timeout_ms);
     // Only the second half of connect: waits for the server's ready line.
     uint32_t wait_ready(uint32_t timeout_ms);

@@ -39,6 +39,7 @@ struct StreamWriter {
 
 uint32_t write_all(StreamWriter* w, const uint8_t* data, size_t length) {
     size_t count = 0;
+    w->marshaller->transport_writes.fetch_add(1, std::memory_order_relaxed);
     uint32_t error = io_write_ex(w->handle, &w->kind, w->marshaller->cancel_signal(), io_no_timeout,
                                  data, length, &count);
     // A write that stops short has met the end of the pipe.
@@ -190,6 +191,7 @@ uint32_t StreamTransport::handshake() {
         begin_ = 0;
 
         size_t count = 0;
+        m_->transport_reads.fetch_add(1, std::memory_order_relaxed);
         uint32_t error = io_read_ex(m_->read_handle(), &read_kind_, m_->cancel_signal(),
                                     io_no_timeout, buffer_ + end_, kStreamReceiveBufferSize - end_,
                                     &count);
@@ -210,6 +212,7 @@ uint32_t StreamTransport::read_some(uint8_t* at, size_t length, size_t* count) {
         uint32_t idle = m_->idle_read_timeout();
         uint32_t timeout = busy ? kStreamBusyReadTimeout : idle ? idle : io_no_timeout;
         *count = 0;
+        m_->transport_reads.fetch_add(1, std::memory_order_relaxed);
         uint32_t error = io_read_ex(m_->read_handle(), &read_kind_, m_->cancel_signal(), timeout,
                                     at, length, count);
         if (error == 121 && busy) continue;

@@ -13,7 +13,7 @@ struct TextSink {
     std::string text;
     std::thread reader;
     TextSink() {
-        EXPECT_EQ(0u, pipe_create(false, false, &read, &write));
+        buffered_pipe(&read, &write);
         reader = std::thread([this] {
             char buffer[512];
             DWORD got;
@@ -35,19 +35,24 @@ struct TextSink {
 TEST(MarshallerServices, EachVersionHasItsTable) {
     for (uint32_t version = 1; version <= 6; ++version) {
         void* table = nullptr;
-        ASSERT_EQ(marshaller_create(version, &table), 0u);
+        const MarshallerInterface& id = kMarshallerInterfaces[version - 1];
+        EXPECT_EQ(id.id, "ZunMarshaller" + std::to_string(version));
+        ASSERT_EQ(id.create(&table), 0u);
         // Slot 3 is the same in every table; Serve exists from version 3.
         if (version <= 2) {
             auto* m = static_cast<MarshallerV2*>(table);
+            EXPECT_EQ(static_cast<MarshallerObject*>(m)->version(), version);
             EXPECT_EQ(m->ConvertSystemError(2), ProtocolError::NotFound);
             m->Release();
         } else if (version <= 5) {
             auto* m = static_cast<MarshallerV5*>(table);
+            EXPECT_EQ(static_cast<MarshallerObject*>(m)->version(), version);
             ServeParams short_params{7};
             EXPECT_EQ(m->Serve(&short_params), 87u);
             m->Release();
         } else {
             auto* m = static_cast<Marshaller*>(table);
+            EXPECT_EQ(static_cast<MarshallerObject*>(m)->version(), version);
             ServeParams short_params{0};
             EXPECT_EQ(m->Serve(&short_params), 87u);
             m->Release();
@@ -124,7 +129,7 @@ TEST(MarshallerServices, ReadPasswordFromAStream) {
     TextSink status;
     m->SetStatusHandle(status.write);
     HANDLE in_read, in_write;
-    ASSERT_EQ(0u, pipe_create(false, false, &in_read, &in_write));
+    buffered_pipe(&in_read, &in_write);
     std::string typed = "s\xC3\xA9" "cret\r\nnext";
     DWORD written;
     WriteFile(in_write, typed.data(), static_cast<DWORD>(typed.size()), &written, nullptr);

@@ -23,8 +23,9 @@ struct MemFsSession : ServeHarness {
         client::decode_reply(reply_.data(), reply_.size(), &r);
         *error = r.error;
         client::OpenReply o{};
-        if (r.error == ProtocolError::Success)
+        if (r.error == ProtocolError::Success) {
             EXPECT_TRUE(client::decode_open_reply(reply_.data(), reply_.size(), &o));
+        }
         return o;
     }
     ProtocolError result(const std::vector<uint8_t>& request) {

@@ -179,5 +179,5 @@ TEST(ServeConcurrency, IdleFollowsTheRequestsInFlight) {
     held.held[0]->Complete(ProtocolError::EndOfFile, 0);
     EXPECT_EQ(serve.marshaller->in_flight(), 0);
     EXPECT_EQ(reply_id(serve.receive()), 2u);
-    EXPECT_EQ(hex(serve.receive()), "0800000001008e80"); // id 1, code 14
+    EXPECT_EQ(hex(serve.receive()), "080000000100e080"); // id 1, code 14
 }

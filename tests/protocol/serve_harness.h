@@ -33,6 +33,12 @@ template <class Condition> bool wait_until(Condition condition, int timeout_ms =
     return true;
 }
 
+// A pipe with a buffer, so that a write does not wait for its reader. (Under Wine a pipe made
+// without one hands every write over to a read.)
+inline void buffered_pipe(HANDLE* read, HANDLE* write) {
+    ASSERT_TRUE(CreatePipe(read, write, nullptr, 1 << 16));
+}
+
 // Each operation runs the function set for it; an operation without one fails the test and
 // completes with NotImplemented.
 struct TestFormatter : FormatterRequestHandler {
@@ -83,18 +89,24 @@ struct ServeOptions {
     const char* formatter_name = "testfs";
     uintptr_t volume_flags = 0x21;
     uintptr_t version_word = 0x1000000;
-    bool status = true; // collect the marshaller's text output
+    bool status = true;    // collect the marshaller's text output
+    bool unbuffered = false; // the runtime's private pipes instead of buffered ones
 };
 
 class ServeHarness {
 public:
     explicit ServeHarness(FormatterRequestHandler* handler, ServeOptions options = {})
         : options_(options) {
-        EXPECT_EQ(0u, pipe_create(false, false, &server_read_, &client_write_));
-        EXPECT_EQ(0u, pipe_create(false, false, &client_read_, &server_write_));
+        if (options.unbuffered) {
+            EXPECT_EQ(0u, pipe_create(false, false, &server_read_, &client_write_));
+            EXPECT_EQ(0u, pipe_create(false, false, &client_read_, &server_write_));
+        } else {
+            buffered_pipe(&server_read_, &client_write_);
+            buffered_pipe(&client_read_, &server_write_);
+        }
         marshaller = MarshallerObject::create(options.version);
         if (options.status) {
-            EXPECT_EQ(0u, pipe_create(false, false, &status_read_, &status_write_));
+            buffered_pipe(&status_read_, &status_write_);
             marshaller->SetStatusHandle(status_write_);
             status_thread_ = std::thread([this] {
                 char buffer[4096];

@@ -86,7 +86,7 @@ struct FixedFormatter : TestFormatter {
             r->Complete(ProtocolError::Success, 3);
         };
         media_info = [](MediaInfoRequest* r) {
-            MediaInfo m{};
+            zun::MediaInfo m{};
             for (int i = 0; i < 16; ++i) m.uuid[i] = static_cast<uint8_t>(i);
             m.id64 = 0x1122334455667788;
             m.id32 = 0x99AABBCC;

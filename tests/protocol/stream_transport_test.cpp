@@ -96,6 +96,16 @@ TEST(StreamTransport, WritesUpToTheLargestMessage) {
     EXPECT_EQ(serve.transact(REQUEST(encode_capacity(out, cap, 3, nullptr))).size(), 24u);
 }
 
+TEST(StreamTransport, DisconnectEndsServingWhileAReplyWaitsForItsReader) {
+    // Without a pipe buffer every write waits for a read; the disconnect's reply is never read.
+    CapacityFormatter formatter;
+    ServeHarness serve(&formatter, {.status = false, .unbuffered = true});
+    ASSERT_TRUE(serve.connect());
+    EXPECT_EQ(serve.transact(REQUEST(encode_capacity(out, cap, 1, nullptr))).size(), 24u);
+    serve.send(REQUEST(encode_disconnect(out, cap, 2)));
+    EXPECT_EQ(serve.wait_served(), 0u);
+}
+
 TEST(StreamTransport, BrokenPipeEndsServing) {
     CapacityFormatter formatter;
     ServeHarness serve(&formatter);
@@ -116,12 +126,20 @@ TEST(StreamTransport, MessagesShareSystemCalls) {
         all.insert(all.end(), one.begin(), one.end());
     }
     uint64_t before = serve.client->read_calls();
+    uint64_t reads_before = serve.marshaller->transport_reads;
+    uint64_t writes_before = serve.marshaller->transport_writes;
     serve.send(all);
     for (int i = 1; i <= kCount; ++i) ASSERT_EQ(serve.receive().size(), 24u);
     uint64_t calls = serve.client->read_calls() - before;
-    // Replies queued together leave in one write, so the client needs far fewer reads than
-    // there are replies.
-    printf("[          ] %d replies arrived in %llu reads\n", kCount,
+    uint64_t reads = serve.marshaller->transport_reads - reads_before;
+    uint64_t writes = serve.marshaller->transport_writes - writes_before;
+    // The server carves all requests out of few reads, and replies queued together leave in
+    // one write, so the client needs far fewer reads than there are replies.
+    printf("[          ] %d requests: server %llu reads, %llu writes; "
+           "client %llu reads\n",
+           kCount, static_cast<unsigned long long>(reads), static_cast<unsigned long long>(writes),
            static_cast<unsigned long long>(calls));
+    EXPECT_LT(reads, uint64_t{kCount / 4});
+    EXPECT_LT(writes, uint64_t{kCount / 2});
     EXPECT_LT(calls, uint64_t{kCount / 2});
 }
