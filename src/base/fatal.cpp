@@ -2,14 +2,7 @@
 
 #include <windows.h>
 
-#if __has_include("base/format.h")
 #include "base/format.h"
-#else
-// Until the runtime's own formatting engine is in the tree, the C runtime's snprintf (same
-// signature shape, same conversions for this line) stands in for it.
-#include <cstdio>
-#define utf8_format snprintf
-#endif
 
 void fatal_assert(const char* file, int line, const char* message) {
     char text[512];
