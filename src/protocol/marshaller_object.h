@@ -124,7 +124,6 @@ private:
 
     // Text output (marshaller_text.cpp).
     void write_status(const char* text, size_t length);
-    void trace_text(const char* text, size_t length);
 
     const uint32_t version_;
     uint32_t flush_version_;

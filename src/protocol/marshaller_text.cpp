@@ -9,7 +9,7 @@
 
 #include "base/format.h"
 #include "base/io.h"
-#include "base/trace.h"
+#include "base/trace_hook.h"
 #include "protocol/marshaller_object.h"
 #include "protocol/utf8.h"
 
@@ -68,8 +68,11 @@ private:
 } // namespace
 
 void MarshallerObject::SetTraceChannel(void* channel) {
+    // The default channel's value (all ones) needs no reference: the hook resolves it per call.
+    // (Null is passed to neither call: the first call of the process looks for the library.)
     void* old = trace_channel_;
-    trace_channel_ = channel ? trace_channel_retain(channel) : nullptr;
+    if (channel) trace_channel_reference(channel);
+    trace_channel_ = channel;
     if (old) trace_channel_release(old);
 }
 
@@ -86,15 +89,11 @@ void MarshallerObject::write_status(const char* text, size_t length) {
 void MarshallerObject::PrintText(const wchar_t* text, bool line_end) {
     if (!status_handle_ && !trace_channel_) return;
     if (!text) text = L"";
-    size_t length = utf16_length(text);
-    if (!status_handle_ && !line_end) {
-        trace_print_text(trace_channel_, text, length);
-        return;
-    }
-    Utf8Text utf8(text, length, line_end);
-    if (!utf8.data()) return;
-    if (trace_channel_) trace_print_utf8(trace_channel_, utf8.data(), utf8.length());
-    if (status_handle_) write_status(utf8.data(), utf8.length());
+    // The trace facility takes UTF-16 text; only the status handle gets 8-bit text.
+    if (trace_channel_) trace_print(trace_channel_, line_end ? L"%s\n" : L"%s", text);
+    if (!status_handle_) return;
+    Utf8Text utf8(text, utf16_length(text), line_end);
+    if (utf8.data()) write_status(utf8.data(), utf8.length());
 }
 
 void MarshallerObject::Print(const wchar_t* text) {

@@ -1,5 +1,6 @@
 // The protocol trace as it reaches the status handle: request blocks, completion blocks,
 // warnings, exactly.
+#include "base/trace_hook.h"
 #include "serve_harness.h"
 
 using namespace zun;
@@ -105,4 +106,47 @@ TEST(ProtocolTrace, NamesPrintAsPaths) {
               "  source end name src\n  target name /d\xC3\xA9/f\n  delete source 1\n"
               "  write time " + std::string(kZeroTime) +
               "\n  existing access level 4\n  new existing open id 3\n00009 error 5\n");
+}
+
+TEST(ProtocolTrace, TraceChannelGetsTheSameText) {
+    // The test trace library appends "<channel>: <text>" to the file ZUN_TRACE_FILE names.
+    wchar_t path[MAX_PATH];
+    GetModuleFileNameW(nullptr, path, MAX_PATH);
+    std::wstring directory(path, wcsrchr(path, L'\\'));
+    std::wstring output = directory + L"\\protocol_trace.txt";
+    DeleteFileW(output.c_str());
+    SetEnvironmentVariableW(L"ZUN_TRACE_FILE", output.c_str());
+    SetDllDirectoryW((directory + L"\\tracetest").c_str());
+    TraceChannel channel = trace_channel_open(L"proto");
+    SetDllDirectoryW(nullptr);
+    ASSERT_NE(channel, nullptr) << "no trace library in bin\\tracetest";
+
+    TestFormatter formatter;
+    formatter.capacity = [](CapacityRequest* r) { r->Complete(ProtocolError::Success, 16, 1); };
+    {
+        ServeHarness serve(&formatter, {.status = false});
+        serve.marshaller->SetTraceChannel(channel);
+        trace_channel_release(channel); // the marshaller holds its own reference
+        serve.marshaller->PrintLine(L"line");
+        serve.marshaller->Print(L"partial ");
+        serve.marshaller->Printf(L"%05X done\n", 0x1F);
+        ASSERT_TRUE(serve.connect());
+        serve.transact(REQUEST(encode_capacity(out, cap, 2, nullptr)));
+    }
+    SetEnvironmentVariableW(L"ZUN_TRACE_FILE", nullptr);
+
+    std::string text;
+    HANDLE file = CreateFileW(output.c_str(), GENERIC_READ, FILE_SHARE_READ, nullptr,
+                              OPEN_EXISTING, 0, nullptr);
+    char buffer[4096];
+    DWORD got;
+    while (ReadFile(file, buffer, sizeof buffer, &got, nullptr) && got) text.append(buffer, got);
+    CloseHandle(file);
+    DeleteFileW(output.c_str());
+    EXPECT_EQ(text, "proto: line\nproto: partial proto: 0001F done\n"
+                    "proto: 00002 capacity\n  open id 0\n"
+                    "proto: 00002 capacity success\n  total capacity 0x10\n"
+                    "  available capacity 0x1\n"
+                    "proto: NOTE: ServeCancel called.\nproto: ERROR: 995 Socket read error.\n"
+                    "released proto\n");
 }
