@@ -107,9 +107,9 @@ int protocol_demo() {
     uint64_t sequence = opened.info.open_sequence;
 
     const char text[] = "Mounted files, served from memory.\n";
-    n = client::encode_write(request, sizeof request, 3,
-                             WriteFields{42, 0, sizeof text - 1, 0,
-                                         reinterpret_cast<const uint8_t*>(text)});
+    n = client::encode_write(
+        request, sizeof request, 3,
+        WriteFields{42, 0, sizeof text - 1, 0, reinterpret_cast<const uint8_t*>(text)});
     c.call("write 35 bytes at offset 0", request, n);
 
     n = client::encode_read(request, sizeof request, 4, ReadFields{42, 0, 64, 0});

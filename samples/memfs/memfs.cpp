@@ -246,8 +246,9 @@ public:
                 ExclusiveLock lock(&lock_);
                 Node* node = opened(v1->OpenId());
                 error = node ? ProtocolError::Success : ProtocolError::NotFound;
-                if (node) set_times(node, v1->FileFlags(), v1->CreateTime(), v1->AccessTime(),
-                                    v1->WriteTime(), v1->ChangeTime());
+                if (node)
+                    set_times(node, v1->FileFlags(), v1->CreateTime(), v1->AccessTime(),
+                              v1->WriteTime(), v1->ChangeTime());
             }
             v1->Complete(error);
             return;

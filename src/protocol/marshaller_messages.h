@@ -70,21 +70,22 @@ constexpr wchar_t kTraceUnknown[] = L"%05X unknown(%i)\n";
 constexpr wchar_t kTraceError[] = L"%05X error %i\n";
 constexpr wchar_t kTraceSuccess[] = L"%05X %ls success\n";
 // The record of open, move, replace, flush and access, after their success line.
-#define ZUN_TRACE_OPENED_FILE_INFO                                                                \
-    L"  open id %I64i\n  open sequence %I64i\n  access level %i\n  control flags 0x%02X\n"       \
-    L"  file type %i\n  file flags 0x%02X\n  extra flags 0x%02X\n  color %i\n  file id %I64i\n"  \
-    L"  file size 0x%I64X\n  create time %T\n  access time %T\n  write time %T\n"              \
+// clang-format off
+#define ZUN_TRACE_OPENED_FILE_INFO                                                                 \
+    L"  open id %I64i\n  open sequence %I64i\n  access level %i\n  control flags 0x%02X\n"         \
+    L"  file type %i\n  file flags 0x%02X\n  extra flags 0x%02X\n  color %i\n  file id %I64i\n"    \
+    L"  file size 0x%I64X\n  create time %T\n  access time %T\n  write time %T\n"                  \
     L"  change time %T\n"
 constexpr wchar_t kTraceInfoSuccess[] = L"%05X %ls success\n" ZUN_TRACE_OPENED_FILE_INFO;
 constexpr wchar_t kTraceOpenSuccess[] = L"%05X %ls success\n" ZUN_TRACE_OPENED_FILE_INFO
     L"  existed %i\n  parent file id %I64i\n  end name %hs\n";
+// clang-format on
 #undef ZUN_TRACE_OPENED_FILE_INFO
 constexpr wchar_t kTraceListEntry[] =
     L"%05X list name %hs\n  file type %i\n  file flags 0x%02X\n  extra flags 0x%02X\n"
     L"  color %i\n  file id %I64i\n  file size 0x%I64X\n  create time %T\n  access time %T\n"
     L"  write time %T\n  change time %T\n";
-constexpr wchar_t kTraceListSuccess[] =
-    L"%05X list success\n  result count %u\n  no more %i\n";
+constexpr wchar_t kTraceListSuccess[] = L"%05X list success\n  result count %u\n  no more %i\n";
 constexpr wchar_t kTraceDataSuccess[] = L"%05X %ls success\n  actual size 0x%P\n";
 constexpr wchar_t kTraceCapacitySuccess[] =
     L"%05X capacity success\n  total capacity 0x%I64X\n  available capacity 0x%I64X\n";

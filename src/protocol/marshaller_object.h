@@ -79,7 +79,9 @@ public:
     void set_disconnecting() { disconnecting_.store(true, std::memory_order_release); }
     bool disconnecting() const { return disconnecting_.load(std::memory_order_acquire); }
     // Milliseconds the receive loop waits for a request while none is in flight; 0 for ever.
-    uint32_t idle_read_timeout() const { return idle_read_timeout_.load(std::memory_order_relaxed); }
+    uint32_t idle_read_timeout() const {
+        return idle_read_timeout_.load(std::memory_order_relaxed);
+    }
     void set_idle_read_timeout(uint32_t ms) { idle_read_timeout_.store(ms); }
     // Whether Printf produces anything: a status handle or a trace channel is set.
     bool tracing() const { return status_handle_ != nullptr || trace_channel_ != nullptr; }

@@ -17,17 +17,17 @@ class RequestObject;
 // driver wants the result, and the key with which it is completed. The fast pipe object clears
 // and fills it; the stream transport leaves it zero.
 struct FastPipeDescriptor {
-    uint64_t word0;              // from the receive record, offset 0
-    uint64_t word1;              // from the receive record, offset 24
-    uint64_t transfer_type;      // 1 read, 2 write, 3 write with direct result
-    uint8_t* data;               // the client's written bytes (types 2 and 3)
-    uint64_t data_size;          //
-    uint8_t* output;             // the client's result buffer (types 1 and 3)
-    uint64_t output_size;        //
-    uint64_t key;                // identifies the transfer; cleared once completed
-    uint8_t* receive_buffer;     // owned by the descriptor
+    uint64_t word0;               // from the receive record, offset 0
+    uint64_t word1;               // from the receive record, offset 24
+    uint64_t transfer_type;       // 1 read, 2 write, 3 write with direct result
+    uint8_t* data;                // the client's written bytes (types 2 and 3)
+    uint64_t data_size;           //
+    uint8_t* output;              // the client's result buffer (types 1 and 3)
+    uint64_t output_size;         //
+    uint64_t key;                 // identifies the transfer; cleared once completed
+    uint8_t* receive_buffer;      // owned by the descriptor
     uint64_t receive_buffer_size; //
-    uint8_t reserved[56];        // the fast pipe object's own bookkeeping
+    uint8_t reserved[56];         // the fast pipe object's own bookkeeping
 };
 static_assert(sizeof(FastPipeDescriptor) == 136);
 

@@ -206,8 +206,7 @@ public:
     }
     void start(FormatterRequestHandler*, FormatterScratch*) override {
         MarshallerObject& m = marshaller();
-        VersionReplyFields f{m.volume_flags(), m.formatter_name(), m.data_align(),
-                             m.version_word(),
+        VersionReplyFields f{m.volume_flags(), m.formatter_name(), m.data_align(), m.version_word(),
                              version_word_sent(m.fast_pipe(), m.client_version())};
         reply_length = encode_version_reply(bytes_, id, f);
         reply = bytes_;
@@ -327,8 +326,8 @@ public:
         if (error != ProtocolError::Success || !marshaller().tracing()) return;
         NameText target(TargetName(), TargetNameCount());
         marshaller().Printf(text::kTraceMove, id, f_.source_open_id, f_.source_parent_file_id,
-                            name_[0].utf16, target.get(), f_.delete_source ? 1 : 0,
-                            f_.write_time, f_.existing_access_level, f_.new_existing_open_id);
+                            name_[0].utf16, target.get(), f_.delete_source ? 1 : 0, f_.write_time,
+                            f_.existing_access_level, f_.new_existing_open_id);
     }
     uint64_t SourceOpenId() override { return f_.source_open_id; }
     uint64_t SourceParentFileId() override { return f_.source_parent_file_id; }
@@ -459,8 +458,8 @@ private:
 // flush: a FlushRequest from effective version 6, the older FlushRequestV1 below.
 
 void print_flush_request(MarshallerObject& m, uint32_t id, const FlushFields& f) {
-    m.Printf(text::kTraceFlush, id, f.open_id, f.flush_flags, f.file_flags, f.color,
-             f.create_time, f.access_time, f.write_time, f.change_time);
+    m.Printf(text::kTraceFlush, id, f.open_id, f.flush_flags, f.file_flags, f.color, f.create_time,
+             f.access_time, f.write_time, f.change_time);
 }
 
 class FlushRequestObject final : public Request<FlushRequest> {
@@ -705,9 +704,7 @@ public:
         }
         complete(e);
     }
-    void start(FormatterRequestHandler* h, FormatterScratch* s) override {
-        h->FlushMedia(this, s);
-    }
+    void start(FormatterRequestHandler* h, FormatterScratch* s) override { h->FlushMedia(this, s); }
     void finish_locked(bool trace) override {
         if (trace) marshaller().Printf(text::kTraceFlushMediaSuccess, id, load_i32(bytes_ + 12));
     }
@@ -774,9 +771,7 @@ public:
         }
         complete(e);
     }
-    void start(FormatterRequestHandler* h, FormatterScratch* s) override {
-        h->MediaInfo(this, s);
-    }
+    void start(FormatterRequestHandler* h, FormatterScratch* s) override { h->MediaInfo(this, s); }
     void finish_locked(bool trace) override {
         if (!trace) return;
         marshaller().Printf(text::kTraceMediaInfoSuccess, id, reply + 16, load_u64(reply + 32),

@@ -8,7 +8,7 @@ namespace zun {
 
 namespace {
 
-constexpr uint32_t kNoScriptHeader = 11; // ERROR_BAD_FORMAT
+constexpr uint32_t kNoScriptHeader = 11;   // ERROR_BAD_FORMAT
 constexpr uint32_t kOtherFormatter = 1168; // ERROR_NOT_FOUND
 
 bool is_leading_blank(uint8_t c) {

@@ -46,7 +46,8 @@ uint32_t StreamClient::wait_ready(uint32_t timeout_ms) {
 
 uint32_t StreamClient::send(const void* data, size_t length) {
     size_t count = 0;
-    uint32_t error = io_write_ex(write_, &write_kind_, nullptr, io_no_timeout, data, length, &count);
+    uint32_t error =
+        io_write_ex(write_, &write_kind_, nullptr, io_no_timeout, data, length, &count);
     if (!error && count < length) error = 109;
     return error;
 }

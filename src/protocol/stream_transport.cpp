@@ -192,9 +192,9 @@ uint32_t StreamTransport::handshake() {
 
         size_t count = 0;
         m_->transport_reads.fetch_add(1, std::memory_order_relaxed);
-        uint32_t error = io_read_ex(m_->read_handle(), &read_kind_, m_->cancel_signal(),
-                                    io_no_timeout, buffer_ + end_, kStreamReceiveBufferSize - end_,
-                                    &count);
+        uint32_t error =
+            io_read_ex(m_->read_handle(), &read_kind_, m_->cancel_signal(), io_no_timeout,
+                       buffer_ + end_, kStreamReceiveBufferSize - end_, &count);
         if (!error && !count) error = 109;
         if (error) {
             m_->Printf(text::kHandshakeError, static_cast<int>(error));

@@ -71,16 +71,16 @@ TEST(MarshallerServices, ConvertSystemError) {
         uint32_t system;
         ProtocolError code;
     } cases[] = {
-        {0, ProtocolError::Success},        {109, ProtocolError::Disconnected},
-        {1223, ProtocolError::Cancelled},   {995, ProtocolError::Cancelled},
+        {0, ProtocolError::Success},          {109, ProtocolError::Disconnected},
+        {1223, ProtocolError::Cancelled},     {995, ProtocolError::Cancelled},
         {120, ProtocolError::NotImplemented}, {87, ProtocolError::Invalid},
-        {14, ProtocolError::OutOfMemory},   {31, ProtocolError::Failed},
-        {5, ProtocolError::AccessDenied},   {1168, ProtocolError::NotFound},
-        {3, ProtocolError::PathNotFound},   {112, ProtocolError::NoSpace},
-        {123, ProtocolError::BadName},      {145, ProtocolError::NotEmpty},
-        {38, ProtocolError::EndOfFile},     {303, ProtocolError::DeletePending},
-        {11, ProtocolError::Corrupt},       {64, ProtocolError::TimedOut},
-        {267, ProtocolError::NotAFolder},   {80, ProtocolError::Exists},
+        {14, ProtocolError::OutOfMemory},     {31, ProtocolError::Failed},
+        {5, ProtocolError::AccessDenied},     {1168, ProtocolError::NotFound},
+        {3, ProtocolError::PathNotFound},     {112, ProtocolError::NoSpace},
+        {123, ProtocolError::BadName},        {145, ProtocolError::NotEmpty},
+        {38, ProtocolError::EndOfFile},       {303, ProtocolError::DeletePending},
+        {11, ProtocolError::Corrupt},         {64, ProtocolError::TimedOut},
+        {267, ProtocolError::NotAFolder},     {80, ProtocolError::Exists},
     };
     for (const auto& c : cases) EXPECT_EQ(m->ConvertSystemError(c.system), c.code) << c.system;
     EXPECT_EQ(m->ConvertSystemError(12345), ProtocolError::Failed);
@@ -130,7 +130,8 @@ TEST(MarshallerServices, ReadPasswordFromAStream) {
     m->SetStatusHandle(status.write);
     HANDLE in_read, in_write;
     buffered_pipe(&in_read, &in_write);
-    std::string typed = "s\xC3\xA9" "cret\r\nnext";
+    std::string typed = "s\xC3\xA9"
+                        "cret\r\nnext";
     DWORD written;
     WriteFile(in_write, typed.data(), static_cast<DWORD>(typed.size()), &written, nullptr);
 

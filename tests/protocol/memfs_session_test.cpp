@@ -17,8 +17,8 @@ struct MemFsSession : ServeHarness {
         OpenFields f{};
         f.create_file_type = create_type;
         f.new_existing_open_id = f.new_create_open_id = open_id;
-        reply_ = transact(REQUEST(encode_open(out, cap, next_id++, f,
-                                              client::Name{path.data(), path.size()})));
+        reply_ = transact(
+            REQUEST(encode_open(out, cap, next_id++, f, client::Name{path.data(), path.size()})));
         client::Reply r{};
         client::decode_reply(reply_.data(), reply_.size(), &r);
         *error = r.error;
@@ -60,10 +60,11 @@ TEST(MemFsSession, CreateWriteReadListMoveDelete) {
         EXPECT_EQ(file.parent_file_id, docs.info.file.file_id);
 
         const char text[] = "hello, volume";
-        EXPECT_EQ(s.result(REQUEST(encode_write(
-                      out, cap, 9, WriteFields{102, 4, sizeof text - 1, 0,
-                                               reinterpret_cast<const uint8_t*>(text)}))),
-                  ProtocolError::Success);
+        EXPECT_EQ(
+            s.result(REQUEST(encode_write(
+                out, cap, 9,
+                WriteFields{102, 4, sizeof text - 1, 0, reinterpret_cast<const uint8_t*>(text)}))),
+            ProtocolError::Success);
         s.reply_ = s.transact(REQUEST(encode_read(out, cap, 10, ReadFields{102, 0, 64, 0})));
         client::ReadReply read;
         ASSERT_TRUE(client::decode_read_reply(s.reply_.data(), s.reply_.size(), &read));
@@ -94,8 +95,8 @@ TEST(MemFsSession, CreateWriteReadListMoveDelete) {
         EXPECT_EQ(s.result(REQUEST(encode_delete(
                       out, cap, 14, DeleteFields{103, docs.info.file.file_id}, "b.txt"))),
                   ProtocolError::Success);
-        EXPECT_EQ(s.result(REQUEST(encode_close(out, cap, 15,
-                                                CloseFields{101, docs.info.open_sequence}))),
+        EXPECT_EQ(s.result(REQUEST(
+                      encode_close(out, cap, 15, CloseFields{101, docs.info.open_sequence}))),
                   ProtocolError::Success);
         s.send(REQUEST(encode_disconnect(out, cap, 16)));
         EXPECT_EQ(s.wait_served(), 0u);

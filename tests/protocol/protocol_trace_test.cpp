@@ -48,21 +48,23 @@ TEST(ProtocolTrace, RequestAndCompletionBlocks) {
                                          client::Name{nullptr, 0})),
                      "end name"),
               "0001F open\n  name \n  create file type 1\n  create file flags 0x80\n"
-              "  write time " + t + "\n  new create open id 8\n  existing access level -2\n"
-              "  new existing open id 7\n"
-              "0001F open success\n  open id 5\n  open sequence 6\n  access level -1\n"
-              "  control flags 0x00\n  file type 2\n  file flags 0x00\n  extra flags 0x00\n"
-              "  color 0\n  file id 0\n  file size 0x2A\n  create time " + t +
-              "\n  access time " + t + "\n  write time " + t + "\n  change time " + t +
-              "\n  existed 1\n  parent file id 0\n  end name \n");
+              "  write time " +
+                  t +
+                  "\n  new create open id 8\n  existing access level -2\n"
+                  "  new existing open id 7\n"
+                  "0001F open success\n  open id 5\n  open sequence 6\n  access level -1\n"
+                  "  control flags 0x00\n  file type 2\n  file flags 0x00\n  extra flags 0x00\n"
+                  "  color 0\n  file id 0\n  file size 0x2A\n  create time " +
+                  t + "\n  access time " + t + "\n  write time " + t + "\n  change time " + t +
+                  "\n  existed 1\n  parent file id 0\n  end name \n");
 
     EXPECT_EQ(traced(serve, REQUEST(encode_list(out, cap, 0xABCDE, ListFields{3, 4, 9, 4096})),
                      "no more"),
               "ABCDE list\n  open id 3\n  list id 4\n  max result count 9\n"
               "ABCDE list name x.txt\n  file type 0\n  file flags 0x81\n  extra flags 0x00\n"
-              "  color 0\n  file id 12\n  file size 0x0\n  create time " + t +
-              "\n  access time " + t + "\n  write time " + t + "\n  change time " + t +
-              "\nABCDE list success\n  result count 1\n  no more 1\n");
+              "  color 0\n  file id 12\n  file size 0x0\n  create time " +
+                  t + "\n  access time " + t + "\n  write time " + t + "\n  change time " + t +
+                  "\nABCDE list success\n  result count 1\n  no more 1\n");
 
     EXPECT_EQ(traced(serve, REQUEST(encode_read(out, cap, 2, ReadFields{1, 0x1003, 0x200, 0})),
                      "actual size"),
@@ -70,9 +72,9 @@ TEST(ProtocolTrace, RequestAndCompletionBlocks) {
               "00002 read success\n  actual size 0x10\n");
 
     // An invalid read: its warning, no request block, the error line.
-    EXPECT_EQ(traced(serve, REQUEST(encode_read(out, cap, 3, ReadFields{1, 0, 16, 0x8008})),
-                     "error"),
-              "WARNING: Invalid read msg.\n00003 error 4\n");
+    EXPECT_EQ(
+        traced(serve, REQUEST(encode_read(out, cap, 3, ReadFields{1, 0, 16, 0x8008})), "error"),
+        "WARNING: Invalid read msg.\n00003 error 4\n");
 
     // Operation 42 is unknown.
     std::vector<uint8_t> unknown(8);
@@ -104,8 +106,9 @@ TEST(ProtocolTrace, NamesPrintAsPaths) {
                      "error"),
               "00009 move\n  source open id 1\n  source parent file id 2\n"
               "  source end name src\n  target name /d\xC3\xA9/f\n  delete source 1\n"
-              "  write time " + std::string(kZeroTime) +
-              "\n  existing access level 4\n  new existing open id 3\n00009 error 5\n");
+              "  write time " +
+                  std::string(kZeroTime) +
+                  "\n  existing access level 4\n  new existing open id 3\n00009 error 5\n");
 }
 
 TEST(ProtocolTrace, TraceChannelGetsTheSameText) {
@@ -136,8 +139,8 @@ TEST(ProtocolTrace, TraceChannelGetsTheSameText) {
     SetEnvironmentVariableW(L"ZUN_TRACE_FILE", nullptr);
 
     std::string text;
-    HANDLE file = CreateFileW(output.c_str(), GENERIC_READ, FILE_SHARE_READ, nullptr,
-                              OPEN_EXISTING, 0, nullptr);
+    HANDLE file = CreateFileW(output.c_str(), GENERIC_READ, FILE_SHARE_READ, nullptr, OPEN_EXISTING,
+                              0, nullptr);
     char buffer[4096];
     DWORD got;
     while (ReadFile(file, buffer, sizeof buffer, &got, nullptr) && got) text.append(buffer, got);

@@ -135,8 +135,9 @@ TEST(ServeConcurrency, ServeCancelEndsABlockedServe) {
         ServeHarness serve(&formatter);
         std::thread([&] { serve.marshaller->ServeCancel(); }).join();
         EXPECT_EQ(serve.wait_served(), 995u);
-        EXPECT_NE(serve.status_with("handshake").find("ERROR: 995 during ready handshake with client.\n"),
-                  std::string::npos);
+        EXPECT_NE(
+            serve.status_with("handshake").find("ERROR: 995 during ready handshake with client.\n"),
+            std::string::npos);
     }
     leftovers.expect_none();
 }

@@ -89,7 +89,7 @@ struct ServeOptions {
     const char* formatter_name = "testfs";
     uintptr_t volume_flags = 0x21;
     uintptr_t version_word = 0x1000000;
-    bool status = true;    // collect the marshaller's text output
+    bool status = true;      // collect the marshaller's text output
     bool unbuffered = false; // the runtime's private pipes instead of buffered ones
 };
 

@@ -46,7 +46,9 @@ struct SetSequence : SequenceHook {
 struct FixedFormatter : TestFormatter {
     FixedFormatter() {
         static const OpenedFileInfo info = sample_info();
-        open = [](OpenRequest* r) { r->Complete(ProtocolError::Success, 1, &info, 9, L"bc", &g_hook); };
+        open = [](OpenRequest* r) {
+            r->Complete(ProtocolError::Success, 1, &info, 9, L"bc", &g_hook);
+        };
         replace = [](ReplaceRequest* r) { r->Complete(ProtocolError::Success, &info, nullptr); };
         move = [](MoveRequest* r) {
             EXPECT_EQ(r->ExistingAccessLevel(), 4); // sent as 0
@@ -72,7 +74,8 @@ struct FixedFormatter : TestFormatter {
             r->Complete(ProtocolError::Success, 3);
         };
         write = [](WriteRequest* r) {
-            EXPECT_EQ(std::string(static_cast<const char*>(r->Data()), r->RequestedSize()), "hello");
+            EXPECT_EQ(std::string(static_cast<const char*>(r->Data()), r->RequestedSize()),
+                      "hello");
             r->Complete(ProtocolError::Success, 5);
         };
         capacity = [](CapacityRequest* r) {
@@ -121,14 +124,14 @@ TEST(ServeReplies, EveryOperationByteExact) {
          "40000000 45230180 07000100 21000000 74657374 66730000 00000000 00000000"
          "00000000 00000000 01000000 00000000 00000000 00000000 00000000 00000000"},
         {REQUEST(encode_open(out, cap, kId, OpenFields{}, client::Name{open_name, 2})),
-         "70000000 45230180 01000000 00000000" SAMPLE_RECORD("99000000 00000000")
-         "09000000 00000000 62630000 00000000"},
+         "70000000 45230180 01000000 00000000" SAMPLE_RECORD(
+             "99000000 00000000") "09000000 00000000 62630000 00000000"},
         {REQUEST(encode_replace(out, cap, kId, ReplaceFields{}, "x")),
          "58000000 45230180" SAMPLE_RECORD("08000000 00000000")},
         {REQUEST(encode_move(out, cap, kId, MoveFields{1, 2, true, 0, 5, 6},
                              client::Name{move_name, 3})),
-         "70000000 45230180 00000000 00000000" SAMPLE_RECORD("08000000 00000000")
-         "09000000 00000000 75000000 00000000"},
+         "70000000 45230180 00000000 00000000" SAMPLE_RECORD(
+             "08000000 00000000") "09000000 00000000 75000000 00000000"},
         {REQUEST(encode_move_replace(out, cap, kId, MoveReplaceFields{}, "a", "b")),
          "08000000 45230180"},
         {REQUEST(encode_delete(out, cap, kId, DeleteFields{}, "a")), "08000000 45230180"},
@@ -197,9 +200,9 @@ TEST(ServeReplies, FailuresAndRequestsTheFormatterNeverSees) {
               invalid);
     // Names are refused for request id 0 (no reply either), and a read asking for too much.
     serve.send(REQUEST(encode_open(out, cap, 0, OpenFields{}, client::Name{name, 1})));
-    EXPECT_EQ(hex(serve.transact(
-                  REQUEST(encode_read(out, cap, kId, ReadFields{1, 0, 0x1000000, 0})))),
-              invalid);
+    EXPECT_EQ(
+        hex(serve.transact(REQUEST(encode_read(out, cap, kId, ReadFields{1, 0, 0x1000000, 0})))),
+        invalid);
     // A control asking for more output than a stream message holds.
     EXPECT_EQ(hex(serve.transact(
                   REQUEST(encode_control(out, cap, kId, ControlFields{1, 0, 1, 0, 0x47FF8})))),
@@ -249,12 +252,14 @@ TEST(ServeReplies, ReadAndWriteDataAreAlignedLikeTheirFileOffsets) {
     ServeHarness serve(&formatter, {.data_align = 0x200, .status = false});
     ASSERT_TRUE(serve.connect());
 
-    auto reply = serve.transact(REQUEST(encode_read(out, cap, kId, ReadFields{1, 0x1003, 0x200, 0})));
+    auto reply =
+        serve.transact(REQUEST(encode_read(out, cap, kId, ReadFields{1, 0x1003, 0x200, 0})));
     client::ReadReply read;
     ASSERT_TRUE(client::decode_read_reply(reply.data(), reply.size(), &read));
     EXPECT_EQ(read.actual_size, 0x200u);
     EXPECT_EQ(reply.size(), 16u + 0x200);
-    EXPECT_EQ(std::string(reinterpret_cast<const char*>(read.data), 0x200), std::string(0x200, 'r'));
+    EXPECT_EQ(std::string(reinterpret_cast<const char*>(read.data), 0x200),
+              std::string(0x200, 'r'));
 
     std::vector<uint8_t> data(5000, 'w');
     for (uint64_t offset : {0x0ull, 0x1003ull, 0x7FFFull}) {
@@ -279,7 +284,8 @@ TEST(ServeReplies, ListRepliesStayWithinTheirLimits) {
     ASSERT_TRUE(serve.connect());
 
     // 200000 is capped at 100000: (100000 - 16) / 69 entries fit below the limit.
-    auto reply = serve.transact(REQUEST(encode_list(out, cap, kId, ListFields{1, 1, 99999, 200000})));
+    auto reply =
+        serve.transact(REQUEST(encode_list(out, cap, kId, ListFields{1, 1, 99999, 200000})));
     EXPECT_EQ(stored, 1449);
     EXPECT_LE(reply.size(), 100000u);
     client::ListReply list;
