@@ -91,6 +91,8 @@ public:
     Signalable* cancel_signal() { return &cancel_; }
     bool cancelled() { return pin_is_signalled(&cancel_) != 0; }
     int32_t in_flight() const { return in_flight_.load(std::memory_order_acquire); }
+    // Signalled while no request is in flight.
+    bool idle() { return pin_is_signalled(&idle_) != 0; }
     uint32_t write_error() const { return write_error_.load(std::memory_order_acquire); }
     void set_write_error(uint32_t error) { write_error_.store(error, std::memory_order_release); }
     void set_serve_error(uint32_t error) { serve_error_ = error; }

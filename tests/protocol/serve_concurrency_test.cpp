@@ -171,13 +171,15 @@ TEST(ServeConcurrency, IdleFollowsTheRequestsInFlight) {
     held.attach(formatter);
     ServeHarness serve(&formatter, {.status = false});
     ASSERT_TRUE(serve.connect());
-    EXPECT_EQ(serve.marshaller->in_flight(), 0);
+    EXPECT_TRUE(serve.marshaller->idle());
     serve.send(reads(1, 2));
     ASSERT_TRUE(wait_until([&] { return held.count() == 2; }));
     EXPECT_EQ(serve.marshaller->in_flight(), 2);
+    EXPECT_FALSE(serve.marshaller->idle());
     held.held[1]->Complete(ProtocolError::Success, 0);
-    EXPECT_EQ(serve.marshaller->in_flight(), 1);
+    EXPECT_FALSE(serve.marshaller->idle());
     held.held[0]->Complete(ProtocolError::EndOfFile, 0);
+    EXPECT_TRUE(serve.marshaller->idle());
     EXPECT_EQ(serve.marshaller->in_flight(), 0);
     EXPECT_EQ(reply_id(serve.receive()), 2u);
     EXPECT_EQ(hex(serve.receive()), "080000000100e080"); // id 1, code 14
