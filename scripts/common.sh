@@ -16,9 +16,41 @@ zun_build() {
     cmake --build "$ZUN_BUILD"
 }
 
+# Windows need a display even when nobody looks at them (hidden signal windows, dialogs): without
+# one, Wine refuses to create any window. When there is no display, start a private Xvfb for the
+# duration; -displayfd lets it pick a free display number itself.
+zun_display_start() {
+    [ -n "${DISPLAY:-}" ] && return 0
+    command -v Xvfb >/dev/null || return 0
+    local fd_file
+    fd_file=$(mktemp)
+    Xvfb -displayfd 3 -screen 0 1024x768x24 -nolisten tcp 3>"$fd_file" >/dev/null 2>&1 &
+    ZUN_XVFB_PID=$!
+    for _ in $(seq 100); do
+        [ -s "$fd_file" ] && break
+        sleep 0.05
+    done
+    if [ -s "$fd_file" ]; then
+        export DISPLAY=":$(head -n1 "$fd_file")"
+    else
+        kill "$ZUN_XVFB_PID" 2>/dev/null || true
+        ZUN_XVFB_PID=
+    fi
+    rm -f "$fd_file"
+}
+
+zun_display_stop() {
+    if [ -n "${ZUN_XVFB_PID:-}" ]; then
+        kill "$ZUN_XVFB_PID" 2>/dev/null || true
+        wait "$ZUN_XVFB_PID" 2>/dev/null || true
+        ZUN_XVFB_PID=
+    fi
+}
+
 # Creates the private prefix once and keeps one wineserver up until zun_wine_stop: with a
 # persistent server a Windows process starts in about 0.15 s instead of 2.5 s.
 zun_wine_start() {
+    zun_display_start
     if [ ! -f "$WINEPREFIX/system.reg" ]; then
         echo "wine: creating prefix $WINEPREFIX"
         wineboot -i >/dev/null 2>&1 || true
@@ -41,4 +73,5 @@ zun_wine_start() {
 zun_wine_stop() {
     wineserver -k 2>/dev/null || true
     wineserver -w 2>/dev/null || true
+    zun_display_stop
 }
