@@ -73,6 +73,8 @@ public:
     uint32_t volume_flags() const { return volume_flags_; }
     const char* formatter_name() const { return formatter_name_; }
     uint32_t version_word() const { return version_word_; }
+    // Whether this serve runs on the driver's fast pipe. Serve identifies the read handle; until
+    // the fast pipe transport joins it, every handle pair is served as a byte stream.
     bool fast_pipe() const { return false; }
     uint16_t client_version() const { return client_version_; }
     void set_client_version(uint16_t v) { client_version_ = v; }
