@@ -1,5 +1,6 @@
-// A short tour of what the runtime can do so far: every line below is produced by the
-// library's own formatting engine and written with WriteConsoleW or WriteFile.
+// zundemo: the library at work. First a short tour of the runtime's formatting engine (every
+// line produced by the library's own engine and written with WriteConsoleW or WriteFile), then
+// a session of the file-system protocol with the sample formatter, traced.
 #include <windows.h>
 #include <rpc.h>
 
@@ -8,10 +9,12 @@
 #include "base/base64.h"
 #include "base/format.h"
 #include "base/text.h"
+#include "base/thread.h"
 #include "base/upcase.h"
 #include "base/utf.h"
 #include "base/value_words.h"
 #include "base/wildcard.h"
+#include "protocol_demo.h"
 
 namespace {
 
@@ -35,9 +38,7 @@ void print(const wchar_t* format, ...) {
               nullptr);
 }
 
-} // namespace
-
-int wmain() {
+void runtime_tour() {
     print(L"zunapi runtime demo: the formatted output engine and its companions\r\n\r\n");
 
     FILETIME now;
@@ -90,5 +91,14 @@ int wmain() {
     wchar_t encoded[32];
     text_base64_encode(encoded, 32, "zunapi", 6);
     print(L"  base64            \"zunapi\" -> %s\r\n", encoded);
-    return 0;
+}
+
+} // namespace
+
+int wmain() {
+    runtime_tour();
+    int result = protocol_demo();
+    // As every front-end does after its command: join the threads the runtime started.
+    process_exit_work();
+    return result;
 }

@@ -1,0 +1,273 @@
+#include "protocol/marshaller_object.h"
+
+#include <new>
+#include <stdlib.h>
+
+#include "protocol/data_placement.h"
+#include "protocol/marshaller_messages.h"
+#include "protocol/protocol_error.h"
+#include "protocol/reply_encode.h"
+#include "protocol/request_context.h"
+#include "protocol/request_object.h"
+#include "protocol/stream_transport.h"
+#include "protocol/wire.h"
+
+namespace zun {
+
+namespace text = marshaller_text;
+
+namespace {
+std::atomic<long> g_live_marshallers{0};
+}
+
+// ---------------------------------------------------------------------------------------------
+// Lifetime
+
+MarshallerObject::MarshallerObject(uint32_t version) : version_(version), flush_version_(version) {
+    // Nothing is in flight yet.
+    pin_signal(&idle_);
+    g_live_marshallers.fetch_add(1, std::memory_order_relaxed);
+}
+
+MarshallerObject::~MarshallerObject() {
+    ClearPassword();
+    SetTraceChannel(nullptr);
+    g_live_marshallers.fetch_sub(1, std::memory_order_relaxed);
+}
+
+MarshallerObject* MarshallerObject::create(uint32_t version) {
+    void* block = malloc(sizeof(MarshallerObject));
+    if (!block) return nullptr;
+    return new (block) MarshallerObject(version);
+}
+
+long MarshallerObject::live_count() {
+    return g_live_marshallers.load(std::memory_order_relaxed);
+}
+
+void* MarshallerObject::table() {
+    if (version_ <= 2) return static_cast<MarshallerV2*>(this);
+    if (version_ <= 5) return static_cast<MarshallerV5*>(this);
+    return static_cast<Marshaller*>(this);
+}
+
+void MarshallerObject::add_ref() {
+    HoldGuard guard(&ref_hold_);
+    ++refs_;
+}
+
+void MarshallerObject::Release() {
+    uint32_t left;
+    {
+        HoldGuard guard(&ref_hold_);
+        left = --refs_;
+    }
+    if (left) return;
+    this->~MarshallerObject();
+    free(this);
+}
+
+uint32_t marshaller_create(uint32_t version, void** table) {
+    *table = nullptr;
+    if (version < kMarshallerVersionMin || version > kMarshallerVersionMax) return 87;
+    MarshallerObject* m = MarshallerObject::create(version);
+    if (!m) return 14;
+    *table = m->table();
+    return 0;
+}
+
+template <uint32_t Version> uint32_t marshaller_create_version(void** table) {
+    return marshaller_create(Version, table);
+}
+
+const MarshallerInterface kMarshallerInterfaces[kMarshallerVersionMax] = {
+    {kMarshallerId1, marshaller_create_version<1>}, {kMarshallerId2, marshaller_create_version<2>},
+    {kMarshallerId3, marshaller_create_version<3>}, {kMarshallerId4, marshaller_create_version<4>},
+    {kMarshallerId5, marshaller_create_version<5>}, {kMarshallerId6, marshaller_create_version<6>},
+};
+
+// ---------------------------------------------------------------------------------------------
+// Services
+
+ProtocolError marshaller_convert_system_error(MarshallerObject* m, uint32_t system_error) {
+    bool known;
+    ProtocolError error = protocol_error_from_system(system_error, &known);
+    if (!known && m) m->Printf(text::kUnexpectedSystemError, static_cast<int>(system_error));
+    return error;
+}
+
+ProtocolError MarshallerObject::ConvertSystemError(uint32_t system_error) {
+    return marshaller_convert_system_error(this, system_error);
+}
+
+uint32_t MarshallerObject::IdentifyScriptHeader(const void* data, size_t size,
+                                                const char* formatter_name) {
+    return identify_script_header(data, size, formatter_name);
+}
+
+// The flat formatter adapters serve through Serve with a FormatterRequestHandler of their own;
+// they are not part of this library yet.
+uint32_t MarshallerObject::ServeOps(FlatFormatterV5*, uint32_t, const char*, HANDLE, HANDLE) {
+    return 120;
+}
+uint32_t MarshallerObject::ServeOps(FlatFormatter*, uint32_t, const char*, HANDLE, HANDLE) {
+    return 120;
+}
+uint32_t MarshallerObject::ServeOpsV0(ReadOnlyFlatFormatter*, uint32_t, const char*, HANDLE,
+                                      HANDLE) {
+    return 120;
+}
+
+// ---------------------------------------------------------------------------------------------
+// Serving
+
+uint32_t MarshallerObject::Serve(const ServeParams* params) {
+    if (!params || params->word_count < 8) return 87;
+    // One serve at a time. (A marshaller that served a fast pipe keeps its fast pipe object
+    // and refuses every later serve with 303 as well; that check joins this one.)
+    if (serving_.exchange(true)) return 303;
+
+    serve_error_ = 0;
+    set_write_error(0);
+    disconnecting_.store(false);
+    handler_ = params->handler;
+    volume_flags_ = static_cast<uint32_t>(params->volume_flags);
+    formatter_name_ = params->formatter_name;
+    data_align_ = data_align_from(params->data_align);
+    version_word_ = static_cast<uint32_t>(params->version_word);
+    read_handle_ = params->read_handle;
+    write_handle_ = params->write_handle;
+
+    // The transport is chosen here: a read handle that identifies itself as the driver's fast
+    // pipe is served by the fast pipe loop; every other handle pair is a byte stream.
+    StreamTransport stream(this);
+    stream.write_ready_line();
+    if (serve_error_ == 0) serve_error_ = stream.run();
+
+    // Serving is over: whatever still waits (the writer, a read) gives up. Requests in flight
+    // belong to the formatter until it completes them; their replies are not sent any more.
+    pin_signal(&cancel_);
+    wait_idle();
+    discard_queue();
+    stream.join_writer();
+
+    handler_ = nullptr;
+    formatter_name_ = nullptr;
+    read_handle_ = nullptr;
+    write_handle_ = nullptr;
+    serving_.store(false);
+    return serve_error_;
+}
+
+void MarshallerObject::ServeCancel() {
+    Printf(text::kServeCancelCalled);
+    pin_signal(&cancel_);
+}
+
+void MarshallerObject::wait_idle() {
+    // A pin wait also returns when the pin is reset; only the signalled state counts.
+    while (!pin_is_signalled(&idle_)) pin_wait(&idle_, nullptr, -1);
+    // The last completion signalled idle under the lock: taking it once makes sure that
+    // completion has left the lock before the marshaller may go away.
+    hold_acquire(&lock_);
+    hold_release(&lock_);
+}
+
+void MarshallerObject::discard_queue() {
+    hold_acquire(&lock_);
+    RequestContext* list = queue_first_;
+    queue_first_ = queue_last_ = nullptr;
+    hold_release(&lock_);
+    while (list) {
+        RequestContext* next = list->next;
+        request_context_free(list);
+        list = next;
+    }
+}
+
+void MarshallerObject::dispatch(RequestContext* context, const uint8_t* message, uint32_t size,
+                                bool message_is_stable) {
+    start_request(context, request_build(context, message, size, message_is_stable));
+}
+
+void MarshallerObject::dispatch_failed(RequestContext* context, const uint8_t* header,
+                                       ProtocolError error) {
+    uint32_t id = code_word_request_id(load_u32(header + 4));
+    start_request(context, request_build_failed(context, id, error));
+}
+
+void MarshallerObject::start_request(RequestContext* context, RequestObject* request) {
+    context->request = request;
+
+    hold_acquire(&lock_);
+    if (in_flight_.load(std::memory_order_relaxed) == 0) pin_reset(&idle_);
+    in_flight_.fetch_add(1, std::memory_order_release);
+    serve_error_ = write_error();
+    hold_release(&lock_);
+
+    if (request->error == ProtocolError::Success)
+        request->start(handler_, &context->scratch);
+    else
+        complete(request, request->error);
+}
+
+void MarshallerObject::complete(RequestObject* request, ProtocolError error) {
+    RequestContext* context = request->context;
+    request->error = error;
+    if (error != ProtocolError::Success) request->reply = nullptr;
+    if (request->id && !request->reply) {
+        request->reply_length = encode_header_reply(request->header_reply, request->id, error);
+        request->reply = request->header_reply;
+    }
+
+    bool queued = false;
+    hold_acquire(&lock_);
+    bool trace = tracing();
+    if (error == ProtocolError::Success)
+        request->finish_locked(trace);
+    else if (trace)
+        Printf(text::kTraceError, request->id, static_cast<uint32_t>(error));
+    if (request->id) {
+        context->next = nullptr;
+        if (queue_last_)
+            queue_last_->next = context;
+        else
+            queue_first_ = context;
+        queue_last_ = context;
+        queued = true;
+        if (writer_waiting_) {
+            writer_waiting_ = false;
+            pin_signal(&reply_ready_);
+        }
+    }
+    if (in_flight_.fetch_sub(1, std::memory_order_acq_rel) == 1) pin_signal(&idle_);
+    hold_release(&lock_);
+    // From here on the marshaller may be gone (the serve may have ended); the context is ours.
+    if (!queued) request_context_free(context);
+}
+
+RequestContext* MarshallerObject::writer_take_replies() {
+    for (;;) {
+        hold_acquire(&lock_);
+        if (write_error() || cancelled()) break;
+        if (queue_first_) {
+            RequestContext* list = queue_first_;
+            queue_first_ = queue_last_ = nullptr;
+            hold_release(&lock_);
+            return list;
+        }
+        if (disconnecting() && in_flight() == 0) break;
+        pin_reset(&reply_ready_);
+        writer_waiting_ = true;
+        hold_release(&lock_);
+        // Woken by a queued reply; given up by the cancel signal (ServeCancel or the end of
+        // serving). A disconnect with nothing in flight is noticed through the loop: the
+        // receive loop ends and serving cancels.
+        if (!pin_wait(&reply_ready_, &cancel_, -1) && cancelled()) return nullptr;
+    }
+    writer_waiting_ = false;
+    hold_release(&lock_);
+    return nullptr;
+}
+
+} // namespace zun
