@@ -22,6 +22,9 @@ namespace {
 
 class ByteBuffer {
 public:
+    ByteBuffer() = default;
+    ByteBuffer(const ByteBuffer&) = delete;
+    ByteBuffer& operator=(const ByteBuffer&) = delete;
     ~ByteBuffer() {
         if (bytes_) HeapFree(GetProcessHeap(), 0, bytes_);
     }
