@@ -4,6 +4,9 @@
 #include <stdlib.h>
 
 #include "protocol/data_placement.h"
+#include "protocol/fast_pipe.h"
+#include "protocol/fast_pipe_transport.h"
+#include "protocol/flat_adapters.h"
 #include "protocol/marshaller_messages.h"
 #include "protocol/protocol_error.h"
 #include "protocol/reply_encode.h"
@@ -30,6 +33,7 @@ MarshallerObject::MarshallerObject(uint32_t version) : version_(version), flush_
 }
 
 MarshallerObject::~MarshallerObject() {
+    if (fast_pipe_) fast_pipe_->release();
     ClearPassword();
     SetTraceChannel(nullptr);
     g_live_marshallers.fetch_sub(1, std::memory_order_relaxed);
@@ -105,29 +109,59 @@ uint32_t MarshallerObject::IdentifyScriptHeader(const void* data, size_t size,
     return identify_script_header(data, size, formatter_name);
 }
 
-// The flat formatter adapters serve through Serve with a FormatterRequestHandler of their own;
-// they are not part of this library yet.
-uint32_t MarshallerObject::ServeOps(FlatFormatterV5*, uint32_t, const char*, HANDLE, HANDLE) {
-    return 120;
+// The flat formatters are served through adapters that implement FormatterRequestHandler on
+// top of them (flat_adapters.cpp). Every flush reaches an adapter as a FlushRequest, whatever
+// this marshaller's version; the adapter knows which flat call the version asks for.
+uint32_t MarshallerObject::ServeOps(FlatFormatterV5* formatter, uint32_t volume_flags,
+                                    const char* formatter_name, HANDLE read_handle,
+                                    HANDLE write_handle) {
+    FlatAdapterV5 adapter(this, formatter);
+    return serve_flat(&adapter, volume_flags, formatter_name, read_handle, write_handle);
 }
-uint32_t MarshallerObject::ServeOps(FlatFormatter*, uint32_t, const char*, HANDLE, HANDLE) {
-    return 120;
+uint32_t MarshallerObject::ServeOps(FlatFormatter* formatter, uint32_t volume_flags,
+                                    const char* formatter_name, HANDLE read_handle,
+                                    HANDLE write_handle) {
+    FlatAdapter adapter(this, formatter);
+    return serve_flat(&adapter, volume_flags, formatter_name, read_handle, write_handle);
 }
-uint32_t MarshallerObject::ServeOpsV0(ReadOnlyFlatFormatter*, uint32_t, const char*, HANDLE,
-                                      HANDLE) {
-    return 120;
+uint32_t MarshallerObject::ServeOpsV0(ReadOnlyFlatFormatter* formatter, uint32_t volume_flags,
+                                      const char* formatter_name, HANDLE read_handle,
+                                      HANDLE write_handle) {
+    ReadOnlyFlatAdapter adapter(this, formatter);
+    return serve_flat(&adapter, volume_flags, formatter_name, read_handle, write_handle);
+}
+
+uint32_t MarshallerObject::serve_flat(FormatterRequestHandler* adapter, uint32_t volume_flags,
+                                      const char* formatter_name, HANDLE read_handle,
+                                      HANDLE write_handle) {
+    ServeParams params{kServeParamsWords,
+                       adapter,
+                       volume_flags,
+                       formatter_name,
+                       kFlatDataAlign,
+                       kFlatVersionWord,
+                       read_handle,
+                       write_handle};
+    flush_version_ = kFlushVersionAlways;
+    uint32_t result = Serve(&params);
+    flush_version_ = version_;
+    return result;
 }
 
 // ---------------------------------------------------------------------------------------------
 // Serving
 
 uint32_t MarshallerObject::Serve(const ServeParams* params) {
-    if (!params || params->word_count < 8) return 87;
-    // One serve at a time. (A marshaller that served a fast pipe keeps its fast pipe object
-    // and refuses every later serve with 303 as well; that check joins this one.)
+    if (!params || params->word_count < kServeParamsWords) return 87;
+    // One serve at a time; and a marshaller that has served a fast pipe keeps its fast pipe
+    // object and refuses every later serve.
     if (serving_.exchange(true)) return 303;
+    if (fast_pipe_) {
+        serving_.store(false);
+        return 303;
+    }
 
-    serve_error_ = 0;
+    set_serve_error(0);
     set_write_error(0);
     disconnecting_.store(false);
     handler_ = params->handler;
@@ -140,23 +174,30 @@ uint32_t MarshallerObject::Serve(const ServeParams* params) {
 
     // The transport is chosen here: a read handle that identifies itself as the driver's fast
     // pipe is served by the fast pipe loop; every other handle pair is a byte stream.
+    FastPipeTransport fast(this);
+    fast_pipe_ = fast.open(read_handle_);
+    fast_mode_ = fast_pipe_ != nullptr;
     StreamTransport stream(this);
+    // The ready line goes to the write handle in either mode.
     stream.write_ready_line();
-    if (serve_error_ == 0) serve_error_ = stream.run();
+    if (serve_error() == 0) set_serve_error(fast_mode_ ? fast.run() : stream.run());
 
-    // Serving is over: whatever still waits (the writer, a read) gives up. Requests in flight
-    // belong to the formatter until it completes them; their replies are not sent any more.
+    // Serving is over: whatever still waits (the writer, a read, the driver) gives up. Requests
+    // in flight belong to the formatter until it completes them; their replies are not sent any
+    // more.
     pin_signal(&cancel_);
     wait_idle();
     discard_queue();
     stream.join_writer();
+    fast.finish();
 
     handler_ = nullptr;
     formatter_name_ = nullptr;
     read_handle_ = nullptr;
     write_handle_ = nullptr;
+    fast_mode_ = false;
     serving_.store(false);
-    return serve_error_;
+    return serve_error();
 }
 
 void MarshallerObject::ServeCancel() {
@@ -177,7 +218,14 @@ void MarshallerObject::discard_queue() {
     hold_acquire(&lock_);
     RequestContext* list = queue_first_;
     queue_first_ = queue_last_ = nullptr;
+    delivery_offset_ = 0;
+    RequestContext* read = pending_read_;
+    pending_read_ = nullptr;
     hold_release(&lock_);
+    if (read) {
+        fast_pipe_->complete(&read->descriptor, 109, 0, 0);
+        request_context_free(read);
+    }
     while (list) {
         RequestContext* next = list->next;
         request_context_free(list);
@@ -198,11 +246,17 @@ void MarshallerObject::dispatch_failed(RequestContext* context, const uint8_t* h
 
 void MarshallerObject::start_request(RequestContext* context, RequestObject* request) {
     context->request = request;
+    // A fast pipe write lets its client go at once: its bytes are ours now, and its reply will
+    // travel in a read transfer.
+    if (context->descriptor.transfer_type == kTransferWrite)
+        fast_pipe_->complete(&context->descriptor, 0, context->descriptor.data_size, 0);
 
     hold_acquire(&lock_);
     if (in_flight_.load(std::memory_order_relaxed) == 0) pin_reset(&idle_);
     in_flight_.fetch_add(1, std::memory_order_release);
-    serve_error_ = write_error();
+    // On a stream, a failed reply write ends serving once the reader notices; the fast pipe
+    // sends no replies through the write handle.
+    if (!fast_mode_) set_serve_error(write_error());
     hold_release(&lock_);
 
     if (request->error == ProtocolError::Success)
@@ -221,13 +275,17 @@ void MarshallerObject::complete(RequestObject* request, ProtocolError error) {
     }
 
     bool queued = false;
+    RequestContext* delivered = nullptr;
     hold_acquire(&lock_);
     bool trace = tracing();
     if (error == ProtocolError::Success)
         request->finish_locked(trace);
     else if (trace)
         Printf(text::kTraceError, request->id, static_cast<uint32_t>(error));
-    if (request->id) {
+    if (context->descriptor.transfer_type == kTransferWriteDirect) {
+        // The client waits for this reply in its own transfer.
+        complete_direct_locked(request);
+    } else if (request->id) {
         context->next = nullptr;
         if (queue_last_)
             queue_last_->next = context;
@@ -235,15 +293,22 @@ void MarshallerObject::complete(RequestObject* request, ProtocolError error) {
             queue_first_ = context;
         queue_last_ = context;
         queued = true;
-        if (writer_waiting_) {
+        if (fast_mode_) {
+            deliver_replies_locked(&delivered);
+        } else if (writer_waiting_) {
             writer_waiting_ = false;
             pin_signal(&reply_ready_);
         }
     }
     if (in_flight_.fetch_sub(1, std::memory_order_acq_rel) == 1) pin_signal(&idle_);
     hold_release(&lock_);
-    // From here on the marshaller may be gone (the serve may have ended); the context is ours.
+    // From here on the marshaller may be gone (the serve may have ended); the contexts are ours.
     if (!queued) request_context_free(context);
+    while (delivered) {
+        RequestContext* next = delivered->next;
+        request_context_free(delivered);
+        delivered = next;
+    }
 }
 
 RequestContext* MarshallerObject::writer_take_replies() {

@@ -23,6 +23,20 @@ constexpr wchar_t kSocketWriteError[] = L"ERROR: %i Socket write error.\n";
 constexpr wchar_t kHandshakeError[] = L"ERROR: %i during ready handshake with client.\n";
 constexpr wchar_t kProtocolStreamError[] = L"ERROR: Protocol stream error.\n";
 
+// Fast pipe errors: they go to the trace channel only.
+constexpr wchar_t kFastPipeReceiveError[] = L"ERROR: %i Fast pipe receive error.\n";
+constexpr wchar_t kConcurrentResultReads[] =
+    L"ERROR: Protocol stream error, concurrent result reads.\n";
+constexpr wchar_t kFastPipeWriteTooSmall[] = L"ERROR: Protocol stream error, write too small.\n";
+constexpr wchar_t kFastPipeInvalidHeader[] =
+    L"ERROR: Protocol stream error, invalid fastpipe msg header.\n";
+constexpr wchar_t kFastPipeInvalidDirectSize[] =
+    L"ERROR: Protocol stream error, invalid fastpipe direct result size.\n";
+constexpr wchar_t kUnsupportedTransferType[] =
+    L"ERROR: Protocol stream error, unsupported fastpipe op type.\n";
+constexpr wchar_t kDirectOutputTooSmall[] =
+    L"ERROR: Protocol stream error, direct I/O output buffer too small.\n";
+
 // Request blocks, printed once a request has been decoded.
 constexpr wchar_t kTraceCancel[] = L"%05X cancel\n";
 constexpr wchar_t kTraceDisconnect[] = L"%05X disconnect\n";

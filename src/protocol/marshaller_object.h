@@ -2,15 +2,18 @@
 //
 // One object implements the three interface tables of zun/marshaller.h; the interface id it was
 // created for decides its version and which table the formatter gets. Serve identifies the
-// transport, exchanges the ready lines and runs the receive loop on the calling thread. Each
-// message becomes a request object in a request context (dispatch); the formatter completes it
-// on any thread (complete), and the reply joins the reply queue, which the transport's writer
-// empties in completion order.
+// transport (the driver's fast pipe or a byte stream), exchanges the ready lines and runs the
+// receive loop on the calling thread. Each message becomes a request object in a request context
+// (dispatch); the formatter completes it on any thread (complete). Its reply then goes straight
+// into the client's output buffer (a fast pipe transfer with direct result) or joins the reply
+// queue, which leaves in completion order: through the stream's writer thread, or through the
+// fast pipe's read transfers.
 //
-// Locking: `lock_` guards the reply queue, the in-flight count and the writer's wait state, and
-// is held while completion blocks are printed, so that they never interleave. The reference
-// count has a hold of its own. Flags the receive loop polls (disconnecting, the write error,
-// the in-flight count) are atomics that are only changed under `lock_` or by the serving thread.
+// Locking: `lock_` guards the reply queue, the in-flight count, the writer's wait state and the
+// pending fast pipe read, and is held while completion blocks are printed, so that they never
+// interleave. The reference count has a hold of its own. Flags the receive loop polls
+// (disconnecting, the write and serve errors, the in-flight count) are atomics that are only
+// changed under `lock_` or by the serving thread.
 #pragma once
 
 #include <atomic>
@@ -25,6 +28,7 @@ namespace zun {
 
 struct RequestContext;
 class RequestObject;
+class FastPipe;
 
 constexpr uint32_t kMarshallerVersionMin = 1;
 constexpr uint32_t kMarshallerVersionMax = 6;
@@ -32,6 +36,12 @@ constexpr uint32_t kMarshallerVersionMax = 6;
 // The value of the effective flush version that makes every flush a FlushRequest (the flat
 // adapters set it for the duration of their serve).
 constexpr uint32_t kFlushVersionAlways = 999;
+
+// The serve parameter block is eight words long; the flat serve operations ask for a data
+// align of 64 and report 0x1000000 at offset 44 of the version reply.
+constexpr uintptr_t kServeParamsWords = 8;
+constexpr uintptr_t kFlatDataAlign = 64;
+constexpr uintptr_t kFlatVersionWord = 0x1000000;
 
 class MarshallerObject final : public MarshallerV2, public MarshallerV5, public Marshaller {
 public:
@@ -73,9 +83,8 @@ public:
     uint32_t volume_flags() const { return volume_flags_; }
     const char* formatter_name() const { return formatter_name_; }
     uint32_t version_word() const { return version_word_; }
-    // Whether this serve runs on the driver's fast pipe. Serve identifies the read handle; until
-    // the fast pipe transport joins it, every handle pair is served as a byte stream.
-    bool fast_pipe() const { return false; }
+    // Whether this serve runs on the driver's fast pipe.
+    bool fast_pipe() const { return fast_mode_; }
     uint16_t client_version() const { return client_version_; }
     void set_client_version(uint16_t v) { client_version_ = v; }
     void set_disconnecting() { disconnecting_.store(true, std::memory_order_release); }
@@ -97,7 +106,8 @@ public:
     bool idle() { return pin_is_signalled(&idle_) != 0; }
     uint32_t write_error() const { return write_error_.load(std::memory_order_acquire); }
     void set_write_error(uint32_t error) { write_error_.store(error, std::memory_order_release); }
-    void set_serve_error(uint32_t error) { serve_error_ = error; }
+    void set_serve_error(uint32_t error) { serve_error_.store(error, std::memory_order_release); }
+    uint32_t serve_error() const { return serve_error_.load(std::memory_order_acquire); }
 
     // Builds the request of a received message in `context` and starts it (or completes it
     // at once when it failed to decode). `message_is_stable`: see request_build.
@@ -107,6 +117,15 @@ public:
     void dispatch_failed(RequestContext* context, const uint8_t* header, ProtocolError error);
     // The end of every request: reply, trace, queue or free, in-flight count.
     void complete(RequestObject* request, ProtocolError error);
+
+    // For the fast pipe loop (fast_pipe_transport.cpp): a read transfer has arrived. It becomes
+    // the pending read and is given what replies are queued; false when another read is still
+    // pending (the context then stays the caller's).
+    bool fast_pipe_read_arrived(RequestContext* read);
+    FastPipe* fast_pipe_object() const { return fast_pipe_; }
+
+    // Prints to the trace channel alone (the fast pipe's own errors).
+    void trace_printf(const wchar_t* format, ...);
 
     // For the stream writer: unlinks every queued reply (oldest first). When none is queued it
     // waits for one, unless serving is over. Null when the writer is to stop: the write error
@@ -124,9 +143,16 @@ private:
     explicit MarshallerObject(uint32_t version);
     ~MarshallerObject();
 
+    uint32_t serve_flat(FormatterRequestHandler* adapter, uint32_t volume_flags,
+                        const char* formatter_name, HANDLE read_handle, HANDLE write_handle);
     void start_request(RequestContext* context, RequestObject* request);
     void discard_queue();
     void wait_idle();
+
+    // Fast pipe delivery (fast_pipe_transport.cpp), under `lock_`. Contexts that are done with
+    // are left in *done for the caller to free once the lock is released.
+    void deliver_replies_locked(RequestContext** done);
+    void complete_direct_locked(RequestObject* request);
 
     // Text output (marshaller_text.cpp).
     void write_status(const char* text, size_t length);
@@ -146,7 +172,7 @@ private:
     RequestContext* queue_last_ = nullptr;
     bool writer_waiting_ = false; // the writer has reset reply_ready_ and waits for it
 
-    uint32_t serve_error_ = 0;
+    std::atomic<uint32_t> serve_error_{0};
     std::atomic<uint32_t> write_error_{0};
     std::atomic<bool> disconnecting_{false};
     std::atomic<bool> serving_{false};
@@ -159,6 +185,13 @@ private:
     uint32_t version_word_ = 0;
     HANDLE read_handle_ = nullptr;
     HANDLE write_handle_ = nullptr;
+
+    // The fast pipe object of a fast pipe serve: kept until destruction, so that a marshaller
+    // that has served a fast pipe refuses every later serve.
+    FastPipe* fast_pipe_ = nullptr;
+    bool fast_mode_ = false;
+    RequestContext* pending_read_ = nullptr; // the client's read transfer waiting for replies
+    size_t delivery_offset_ = 0;             // bytes of the first queued reply already delivered
 
     std::atomic<uint32_t> idle_read_timeout_{0};
 

@@ -134,6 +134,14 @@ void MarshallerObject::Printf(const wchar_t* format, ...) {
     va_end(args);
 }
 
+void MarshallerObject::trace_printf(const wchar_t* format, ...) {
+    if (!trace_channel_) return;
+    va_list args;
+    va_start(args, format);
+    trace_vprint(trace_channel_, format, args);
+    va_end(args);
+}
+
 // ---------------------------------------------------------------------------------------------
 // Password prompt
 

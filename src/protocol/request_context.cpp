@@ -26,6 +26,7 @@ RequestContext* request_context_create(MarshallerObject* marshaller) {
 void request_context_free(RequestContext* context) {
     if (context->request) context->request->~RequestObject();
     free(context->message_block);
+    free(context->descriptor.receive_buffer);
     free(context);
     g_live_contexts.fetch_sub(1, std::memory_order_relaxed);
 }

@@ -50,7 +50,8 @@ static_assert(offsetof(RequestContext, scratch) == kRequestContextSize - sizeof(
 
 // A zeroed context for a message of `marshaller`; null when memory is short.
 RequestContext* request_context_create(MarshallerObject* marshaller);
-// Destroys the request object (if one was built) and frees the context and its message block.
+// Destroys the request object (if one was built) and frees the context, its message block and
+// its descriptor's receive buffer.
 // Touches nothing but the context: the marshaller may already be gone.
 void request_context_free(RequestContext* context);
 

@@ -41,6 +41,10 @@ public:
 protected:
     RequestObject(RequestContext* context, uint32_t id) : context(context), id(id) {}
     MarshallerObject& marshaller() const;
+    // Whether the reply goes straight into the client's output buffer: a fast pipe write with
+    // direct result that wants a reply (with request id 0 nothing is placed, and the request
+    // runs as on any transport).
+    bool direct_result() const;
     // Passes the request to the marshaller's completion. The object may be gone on return.
     void complete(ProtocolError error);
 };

@@ -11,6 +11,7 @@
 
 #include "protocol/control_reply.h"
 #include "protocol/data_placement.h"
+#include "protocol/fast_pipe.h"
 #include "protocol/list_reply.h"
 #include "protocol/marshaller_messages.h"
 #include "protocol/marshaller_object.h"
@@ -34,6 +35,10 @@ MarshallerObject& RequestObject::marshaller() const {
 
 void RequestObject::complete(ProtocolError result) {
     context->marshaller->complete(this, result);
+}
+
+bool RequestObject::direct_result() const {
+    return id != 0 && context->descriptor.transfer_type == kTransferWriteDirect;
 }
 
 namespace {
@@ -589,8 +594,22 @@ public:
             marshaller().Printf(text::kInvalidRead);
             return;
         }
-        error = buffer_.init(f_, marshaller().data_align());
-        if (error != ProtocolError::Success) return;
+        if (direct_result()) {
+            // Built in the client's buffer, whose alignment the client chose with the padding.
+            const FastPipeDescriptor& d = context->descriptor;
+            DirectReadCheck check = buffer_.init_direct(f_, marshaller().data_align(), d.output,
+                                                        static_cast<size_t>(d.output_size));
+            if (check != DirectReadCheck::Ok) {
+                marshaller().Printf(check == DirectReadCheck::BadPadding
+                                        ? text::kInvalidDirectReadPadding
+                                        : text::kInvalidDirectReadSize);
+                error = ProtocolError::Invalid;
+                return;
+            }
+        } else {
+            error = buffer_.init(f_, marshaller().data_align());
+            if (error != ProtocolError::Success) return;
+        }
         marshaller().Printf(text::kTraceRead, id, f_.open_id, f_.file_offset,
                             uint64_t{f_.requested_size});
     }
@@ -625,6 +644,11 @@ public:
         error = decode_write(msg, size, &f_);
         if (error != ProtocolError::Success) {
             marshaller().Printf(text::kInvalidWrite);
+            return;
+        }
+        if (direct_result() && !write_direct_output_fits(context->descriptor.output_size)) {
+            marshaller().Printf(text::kInvalidDirectWriteSize);
+            error = ProtocolError::Invalid;
             return;
         }
         marshaller().Printf(text::kTraceWrite, id, f_.open_id, f_.file_offset,
