@@ -50,8 +50,8 @@ uint32_t device_control(HANDLE handle, uint32_t code, const void* input, size_t 
                          output, static_cast<DWORD>(output_size), &count, &overlapped)) {
         error = last_error_or_failed();
         if (error == ERROR_IO_PENDING) {
-            error = GetOverlappedResult(handle, &overlapped, &count, TRUE) ? 0
-                                                                          : last_error_or_failed();
+            error =
+                GetOverlappedResult(handle, &overlapped, &count, TRUE) ? 0 : last_error_or_failed();
         }
     }
     // The completion set the event; the cache expects it clear.

@@ -13,11 +13,11 @@
 
 namespace zun {
 
-constexpr uint32_t kDeviceTypeUnknown = 0x22;        // FILE_DEVICE_UNKNOWN: the control device
-constexpr uint32_t kDeviceTypeFileSystem = 0x9AA5;   // files and fast pipes of the driver
+constexpr uint32_t kDeviceTypeUnknown = 0x22;      // FILE_DEVICE_UNKNOWN: the control device
+constexpr uint32_t kDeviceTypeFileSystem = 0x9AA5; // files and fast pipes of the driver
 constexpr uint32_t kFirstCustomFunction = 0x800;
-constexpr uint32_t kMethodBuffered = 0;              // METHOD_BUFFERED
-constexpr uint32_t kMethodNeither = 3;               // METHOD_NEITHER: raw user addresses
+constexpr uint32_t kMethodBuffered = 0; // METHOD_BUFFERED
+constexpr uint32_t kMethodNeither = 3;  // METHOD_NEITHER: raw user addresses
 
 constexpr uint32_t driver_control_code(uint32_t device_type, uint32_t function, uint32_t method) {
     // CTL_CODE(type, function, method, FILE_ANY_ACCESS)

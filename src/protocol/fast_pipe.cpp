@@ -98,7 +98,8 @@ uint32_t FastPipe::receive(FastPipeDescriptor* d) {
             // The client wrote more than the buffer holds (a fresh descriptor has none): the
             // driver said how much; it keeps the transfer for the next call.
             descriptor_free(d);
-            d->receive_buffer = static_cast<uint8_t*>(malloc(static_cast<size_t>(record.data_size)));
+            d->receive_buffer =
+                static_cast<uint8_t*>(malloc(static_cast<size_t>(record.data_size)));
             if (!d->receive_buffer) return kErrorNotEnoughMemory;
             d->receive_buffer_size = record.data_size;
             continue;

@@ -61,9 +61,9 @@ template <class Flat> void FlatAdapterOf<Flat>::Open(OpenRequest* r, FormatterSc
 
 template <class Flat> void FlatAdapterOf<Flat>::Replace(ReplaceRequest* r, FormatterScratch*) {
     OpenedFileInfo info{};
-    ProtocolError e = flat_->Replace(r->TargetOpenId(), r->TargetParentFileId(),
-                                     r->TargetEndName(), r->CreateFileFlags(), r->WriteTime(),
-                                     r->NewCreateOpenId(), &info);
+    ProtocolError e =
+        flat_->Replace(r->TargetOpenId(), r->TargetParentFileId(), r->TargetEndName(),
+                       r->CreateFileFlags(), r->WriteTime(), r->NewCreateOpenId(), &info);
     r->Complete(e, &info, nullptr);
 }
 
@@ -105,9 +105,9 @@ template <class Flat> void FlatAdapterOf<Flat>::Close(CloseRequest* r, Formatter
 template <class Flat> void FlatAdapterOf<Flat>::Flush(FlushRequest* r, FormatterScratch*) {
     if constexpr (std::is_same_v<Flat, FlatFormatter>) {
         OpenedFileInfo info{};
-        ProtocolError e = flat_->Flush(r->OpenId(), r->FlushFlags(), r->FileFlags(), r->Color(),
-                                       r->CreateTime(), r->AccessTime(), r->WriteTime(),
-                                       r->ChangeTime(), &info);
+        ProtocolError e =
+            flat_->Flush(r->OpenId(), r->FlushFlags(), r->FileFlags(), r->Color(), r->CreateTime(),
+                         r->AccessTime(), r->WriteTime(), r->ChangeTime(), &info);
         r->Complete(e, &info, nullptr);
     } else {
         // The older interface has no record to answer with: the reply is the header only.
@@ -160,14 +160,13 @@ void FlatAdapterOf<Flat>::FlushMedia(FlushMediaRequest* r, FormatterScratch*) {
 
 template <class Flat> void FlatAdapterOf<Flat>::Control(ControlRequest* r, FormatterScratch*) {
     size_t output_size = 0;
-    ProtocolError e = flat_->Control(r->OpenId(), r->AccessLevel(), r->ControlCode(),
-                                     r->InputData(), r->InputSize(), r->OutputBuffer(),
-                                     r->MaxOutputSize(), &output_size);
+    ProtocolError e =
+        flat_->Control(r->OpenId(), r->AccessLevel(), r->ControlCode(), r->InputData(),
+                       r->InputSize(), r->OutputBuffer(), r->MaxOutputSize(), &output_size);
     r->Complete(e, output_size);
 }
 
-template <class Flat>
-void FlatAdapterOf<Flat>::MediaInfo(MediaInfoRequest* r, FormatterScratch*) {
+template <class Flat> void FlatAdapterOf<Flat>::MediaInfo(MediaInfoRequest* r, FormatterScratch*) {
     zun::MediaInfo info{};
     wchar_t* label = nullptr;
     ProtocolError e = flat_->MediaInfo(r->OpenId(), &info, &label);
@@ -265,9 +264,9 @@ void ReadOnlyFlatAdapter::FlushMedia(FlushMediaRequest* r, FormatterScratch*) {
 
 void ReadOnlyFlatAdapter::Control(ControlRequest* r, FormatterScratch*) {
     size_t output_size = 0;
-    ProtocolError e = flat_->Control(r->OpenId(), r->AccessLevel(), r->ControlCode(),
-                                     r->InputData(), r->InputSize(), r->OutputBuffer(),
-                                     r->MaxOutputSize(), &output_size);
+    ProtocolError e =
+        flat_->Control(r->OpenId(), r->AccessLevel(), r->ControlCode(), r->InputData(),
+                       r->InputSize(), r->OutputBuffer(), r->MaxOutputSize(), &output_size);
     r->Complete(e, output_size);
 }
 

@@ -134,14 +134,8 @@ uint32_t MarshallerObject::ServeOpsV0(ReadOnlyFlatFormatter* formatter, uint32_t
 uint32_t MarshallerObject::serve_flat(FormatterRequestHandler* adapter, uint32_t volume_flags,
                                       const char* formatter_name, HANDLE read_handle,
                                       HANDLE write_handle) {
-    ServeParams params{kServeParamsWords,
-                       adapter,
-                       volume_flags,
-                       formatter_name,
-                       kFlatDataAlign,
-                       kFlatVersionWord,
-                       read_handle,
-                       write_handle};
+    ServeParams params{kServeParamsWords, adapter,          volume_flags, formatter_name,
+                       kFlatDataAlign,    kFlatVersionWord, read_handle,  write_handle};
     flush_version_ = kFlushVersionAlways;
     uint32_t result = Serve(&params);
     flush_version_ = version_;

@@ -20,6 +20,7 @@
 #include "protocol/request_context.h"
 #include "protocol/stream_client.h"
 #include "protocol/stream_transport.h"
+#include "simulated_device.h"
 
 namespace zun::test {
 
@@ -91,6 +92,11 @@ struct ServeOptions {
     uintptr_t version_word = 0x1000000;
     bool status = true;      // collect the marshaller's text output
     bool unbuffered = false; // the runtime's private pipes instead of buffered ones
+    // Serve this device's fast pipe instead of the request pipe; the server's ready line still
+    // comes through the reply pipe.
+    SimulatedDevice* device = nullptr;
+    // How to serve, when not by Serve with the parameters (the flat serve operations).
+    std::function<uint32_t(MarshallerObject*, const ServeParams&)> serve;
 };
 
 class ServeHarness {
@@ -123,11 +129,12 @@ public:
                               options.formatter_name,
                               options.data_align,
                               options.version_word,
-                              server_read_,
+                              options.device ? options.device->handle() : server_read_,
                               server_write_};
         done_ = CreateEventW(nullptr, TRUE, FALSE, nullptr);
         serve_thread_ = std::thread([this] {
-            result_ = marshaller->Serve(&params_);
+            result_ =
+                options_.serve ? options_.serve(marshaller, params_) : marshaller->Serve(&params_);
             SetEvent(done_);
         });
         client = std::make_unique<client::StreamClient>(client_read_, client_write_);

@@ -1,0 +1,1 @@
+// The protocol fuzzer (being written).
