@@ -156,6 +156,7 @@ uint32_t MarshallerObject::Serve(const ServeParams* params) {
     }
 
     set_serve_error(0);
+    serving_thread_ = GetCurrentThreadId();
     set_write_error(0);
     disconnecting_.store(false);
     handler_ = params->handler;
@@ -180,6 +181,7 @@ uint32_t MarshallerObject::Serve(const ServeParams* params) {
     // in flight belong to the formatter until it completes them; their replies are not sent any
     // more.
     pin_signal(&cancel_);
+    wake_deferred_ = false;
     wait_idle();
     discard_queue();
     stream.join_writer();
@@ -290,8 +292,15 @@ void MarshallerObject::complete(RequestObject* request, ProtocolError error) {
         if (fast_mode_) {
             deliver_replies_locked(&delivered);
         } else if (writer_waiting_) {
-            writer_waiting_ = false;
-            pin_signal(&reply_ready_);
+            // Replies the serving thread completes while it works through what it has read
+            // leave together: the writer is woken once, before the next read (wake_writer).
+            if (GetCurrentThreadId() == serving_thread_) {
+                wake_deferred_ = true;
+            } else {
+                writer_waiting_ = false;
+                wake_deferred_ = false;
+                pin_signal(&reply_ready_);
+            }
         }
     }
     if (in_flight_.fetch_sub(1, std::memory_order_acq_rel) == 1) pin_signal(&idle_);
@@ -303,6 +312,17 @@ void MarshallerObject::complete(RequestObject* request, ProtocolError error) {
         request_context_free(delivered);
         delivered = next;
     }
+}
+
+void MarshallerObject::wake_writer() {
+    hold_acquire(&lock_);
+    bool wake = wake_deferred_ && writer_waiting_;
+    wake_deferred_ = false;
+    if (wake) {
+        writer_waiting_ = false;
+        pin_signal(&reply_ready_);
+    }
+    hold_release(&lock_);
 }
 
 RequestContext* MarshallerObject::writer_take_replies() {

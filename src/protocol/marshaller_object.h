@@ -127,6 +127,10 @@ public:
     // Prints to the trace channel alone (the fast pipe's own errors).
     void trace_printf(const wchar_t* format, ...);
 
+    // For the stream reader, before it waits for more bytes: wakes the writer for replies the
+    // serving thread completed since the last read.
+    void wake_writer();
+
     // For the stream writer: unlinks every queued reply (oldest first). When none is queued it
     // waits for one, unless serving is over. Null when the writer is to stop: the write error
     // is set, the server is disconnecting with nothing in flight, or serving was cancelled.
@@ -171,6 +175,8 @@ private:
     RequestContext* queue_first_ = nullptr;
     RequestContext* queue_last_ = nullptr;
     bool writer_waiting_ = false; // the writer has reset reply_ready_ and waits for it
+    bool wake_deferred_ = false;  // replies of the serving thread wait for wake_writer
+    DWORD serving_thread_ = 0;
 
     std::atomic<uint32_t> serve_error_{0};
     std::atomic<uint32_t> write_error_{0};

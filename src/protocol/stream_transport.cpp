@@ -143,7 +143,10 @@ uint32_t StreamTransport::run() {
     if (error) return error;
     error = start_writer();
     if (error) return error;
-    return receive_loop();
+    error = receive_loop();
+    // Replies of the last messages read (up to a disconnect) go out like any others.
+    m_->wake_writer();
+    return error;
 }
 
 void StreamTransport::join_writer() {
@@ -205,6 +208,7 @@ uint32_t StreamTransport::handshake() {
 }
 
 uint32_t StreamTransport::read_some(uint8_t* at, size_t length, size_t* count) {
+    m_->wake_writer();
     for (;;) {
         // While the formatter works on requests, wake up now and then: the state the wait
         // depends on (in flight or idle, the idle time-out) may have changed meanwhile.
