@@ -3,6 +3,7 @@
 #include <new>
 #include <stdlib.h>
 
+#include "factory/live_objects.h"
 #include "protocol/data_placement.h"
 #include "protocol/marshaller_messages.h"
 #include "protocol/protocol_error.h"
@@ -27,12 +28,15 @@ MarshallerObject::MarshallerObject(uint32_t version) : version_(version), flush_
     // Nothing is in flight yet.
     pin_signal(&idle_);
     g_live_marshallers.fetch_add(1, std::memory_order_relaxed);
+    // A live marshaller keeps the module loaded, however the formatter obtained it.
+    factory_object_created();
 }
 
 MarshallerObject::~MarshallerObject() {
     ClearPassword();
     SetTraceChannel(nullptr);
     g_live_marshallers.fetch_sub(1, std::memory_order_relaxed);
+    factory_object_destroyed();
 }
 
 MarshallerObject* MarshallerObject::create(uint32_t version) {
