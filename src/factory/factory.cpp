@@ -87,7 +87,7 @@ extern "C" uint32_t FactoryRegister1(void* reserved, const wchar_t* module_file_
                                      void* context, int32_t operation) {
     first_call(module_file_name);
     if (operation != kFactoryRegister && operation != kFactoryUnregister)
-        return ERROR_NOT_SUPPORTED;
+        return ERROR_CALL_NOT_IMPLEMENTED; // 120
     // Every step runs whatever the others return, so that as much as possible is (un)done.
     uint32_t result = 0;
     for (RegistrationHook* hook = g_hooks; hook; hook = hook->next) {

@@ -8,6 +8,7 @@
 #include "base/path.h"
 #include "base/text.h"
 #include "factory/factory.h"
+#include "usertext/usertext.h"
 
 namespace {
 
@@ -20,6 +21,17 @@ bool is_absolute_file_path(const wchar_t* path) {
     if (parts.error || !parts.rooted || parts.root_length == 0) return false;
     return path[parts.name_start] != 0;
 }
+
+// A module that is asked for interfaces reads its translation from beside its own file. A
+// front-end has named its program first by then, and that choice stands.
+void point_user_text_at_module() {
+    const wchar_t* file = factory_module_file_name();
+    if (!file) return;
+    wchar_t path[usertext_path_capacity];
+    usertext_set_module(file, path, usertext_path_capacity);
+}
+
+FACTORY_MODULE_INITIALIZER(user_text_module, point_user_text_at_module);
 
 } // namespace
 
