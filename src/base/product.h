@@ -17,7 +17,7 @@
 #endif
 
 // Product prefix and version, architecture, build kind and build date.
-#define ZUN_PRODUCT_BUILD_TAG                                                                    \
+#define ZUN_PRODUCT_BUILD_TAG                                                                      \
     ZUN_PRODUCT_VERSION "." ZUN_PRODUCT_ARCHITECTURE "." ZUN_PRODUCT_BUILD_KIND " - 2012.05.16"
 
 // The registry key (under HKEY_CLASSES_ROOT, or "SOFTWARE\Classes" of a hive) that holds the

@@ -40,9 +40,9 @@ extern CommandList system_commands;         // lumcmd
 int command_register(CommandEntry* entry, CommandList* list, const wchar_t* name,
                      CommandHandler handler);
 
-#define COMMAND(id, list, name, handler)                                                         \
-    static CommandEntry id##_entry = {nullptr, nullptr, nullptr};                                \
-    [[maybe_unused]] static const int id##_registered =                                          \
+#define COMMAND(id, list, name, handler)                                                           \
+    static CommandEntry id##_entry = {nullptr, nullptr, nullptr};                                  \
+    [[maybe_unused]] static const int id##_registered =                                            \
         command_register(&id##_entry, &list, name, handler)
 
 // The entry named `name` (ASCII case-insensitive), or null.

@@ -22,8 +22,8 @@ USERTEXT_KEY(warning_ignoring_arg, "WARNING: Ignoring unexpected argument \"%1\"
 
 namespace {
 
-constexpr const wchar_t* kHelpWords[] = {L"/?",    L"/h",    L"/help",  L"?",     L"-?",
-                                         L"-h",    L"help",  L"-help",  L"--help"};
+constexpr const wchar_t* kHelpWords[] = {L"/?", L"/h",   L"/help", L"?",     L"-?",
+                                         L"-h", L"help", L"-help", L"--help"};
 
 // The key "<command>_<suffix>". Command names are short words of our own.
 void help_key(wchar_t* key, size_t capacity, const wchar_t* name, const wchar_t* suffix) {
@@ -37,8 +37,8 @@ void print_general_help(const CommandList* list) {
     for (const CommandEntry* entry = list->first; entry; entry = entry->next) {
         wchar_t key[80];
         help_key(key, 80, entry->name, L"short_help");
-        const wchar_t* line = text_format_arena(arena, L"  %ls  %ls", entry->name,
-                                                usertext_get(arena, key));
+        const wchar_t* line =
+            text_format_arena(arena, L"  %ls  %ls", entry->name, usertext_get(arena, key));
         output_write_lines(out, line ? line : L"usertext_error\n");
     }
     output_write_lines(out, usertext_get(arena, ut_syntax2));

@@ -83,8 +83,8 @@ extern "C" uint32_t FactoryMainGetInterface2(HMODULE* module_handle,
     return result;
 }
 
-extern "C" uint32_t FactoryRegister1(void* reserved, const wchar_t* module_file_name,
-                                     void* context, int32_t operation) {
+extern "C" uint32_t FactoryRegister1(void* reserved, const wchar_t* module_file_name, void* context,
+                                     int32_t operation) {
     first_call(module_file_name);
     if (operation != kFactoryRegister && operation != kFactoryUnregister)
         return ERROR_CALL_NOT_IMPLEMENTED; // 120

@@ -40,14 +40,14 @@ int factory_add_initializer(ModuleInitializer* entry);
 int factory_add_provider(InterfaceProvider* entry);
 int factory_add_hook(RegistrationHook* entry);
 
-#define FACTORY_MODULE_INITIALIZER(name, function)                                               \
-    static ModuleInitializer name##_entry = {nullptr, function};                                 \
+#define FACTORY_MODULE_INITIALIZER(name, function)                                                 \
+    static ModuleInitializer name##_entry = {nullptr, function};                                   \
     [[maybe_unused]] static const int name##_registered = factory_add_initializer(&name##_entry)
-#define FACTORY_INTERFACE(name, id, get)                                                         \
-    static InterfaceProvider name##_entry = {nullptr, id, get};                                  \
+#define FACTORY_INTERFACE(name, id, get)                                                           \
+    static InterfaceProvider name##_entry = {nullptr, id, get};                                    \
     [[maybe_unused]] static const int name##_registered = factory_add_provider(&name##_entry)
-#define FACTORY_REGISTRATION_HOOK(name, register_module, unregister_module)                      \
-    static RegistrationHook name##_entry = {nullptr, register_module, unregister_module};        \
+#define FACTORY_REGISTRATION_HOOK(name, register_module, unregister_module)                        \
+    static RegistrationHook name##_entry = {nullptr, register_module, unregister_module};          \
     [[maybe_unused]] static const int name##_registered = factory_add_hook(&name##_entry)
 
 // The module's own path: recorded when the module is loaded into a process (the library's

@@ -41,8 +41,8 @@ uint32_t library_location_unregister(void*) {
     wchar_t key_path[100];
     class_key_path(key_path, 100);
     HKEY key;
-    LSTATUS status = RegOpenKeyExW(HKEY_LOCAL_MACHINE, key_path, 0,
-                                   KEY_QUERY_VALUE | KEY_SET_VALUE, &key);
+    LSTATUS status =
+        RegOpenKeyExW(HKEY_LOCAL_MACHINE, key_path, 0, KEY_QUERY_VALUE | KEY_SET_VALUE, &key);
     if (status == ERROR_FILE_NOT_FOUND) return 0;
     if (status != ERROR_SUCCESS) return kRegistrationFailed;
 
@@ -62,7 +62,6 @@ uint32_t library_location_unregister(void*) {
     return result;
 }
 
-FACTORY_REGISTRATION_HOOK(library_location, library_location_register,
-                          library_location_unregister);
+FACTORY_REGISTRATION_HOOK(library_location, library_location_register, library_location_unregister);
 
 } // namespace

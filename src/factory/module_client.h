@@ -16,8 +16,7 @@ constexpr size_t module_path_capacity = 300;
 // Reads the string value `value` of HKEY_CLASSES_ROOT\`key` into `path` (REG_EXPAND_SZ is
 // expanded). 0, or the registry's error; 2 when the value is not a string, 234 when it does not
 // fit.
-uint32_t module_path_read(const wchar_t* key, const wchar_t* value, wchar_t* path,
-                          size_t capacity);
+uint32_t module_path_read(const wchar_t* key, const wchar_t* value, wchar_t* path, size_t capacity);
 
 // Asks the loaded module behind *module for `id`. *module is the caller's handle variable: the
 // module may take the reference over and give it back later (see zun/factory.h). `path` is the
@@ -38,7 +37,7 @@ void module_unload(HMODULE* module);
 struct ClientModule {
     const wchar_t* key;
     const wchar_t* value;
-    std::atomic<bool> used{false};       // set by the first use, which registers the unload
+    std::atomic<bool> used{false};        // set by the first use, which registers the unload
     std::atomic<HMODULE> module{nullptr}; // the cached reference, when no request holds it
     ClientModule* next = nullptr;         // the records the process-exit work unloads
 };

@@ -40,8 +40,7 @@ const wchar_t* factory_module_file_name() {
 }
 
 bool factory_record_module_file_name(const wchar_t* path) {
-    if (g_module_file.load(std::memory_order_acquire) || !is_absolute_file_path(path))
-        return false;
+    if (g_module_file.load(std::memory_order_acquire) || !is_absolute_file_path(path)) return false;
     wchar_t* copy = text_duplicate(path);
     if (!copy) return false;
     wchar_t* expected = nullptr;

@@ -108,8 +108,8 @@ TEST(Factory, RegistrationRunsEveryHookWithTheContext) {
 TEST(FactoryFirstCall, Child) {
     std::string role = child_role();
     if (role.empty()) GTEST_SKIP() << "runs as a child of the FirstCall tests";
-    const wchar_t* path = role == "absolute" ? L"C:\\modules\\zunapi.dll"
-                          : role == "unc"    ? L"\\\\server\\share\\zunapi.dll"
+    const wchar_t* path = role == "absolute"   ? L"C:\\modules\\zunapi.dll"
+                          : role == "unc"      ? L"\\\\server\\share\\zunapi.dll"
                           : role == "relative" ? L"modules\\zunapi.dll"
                                                : L"C:\\";
     HMODULE self = GetModuleHandleW(nullptr);

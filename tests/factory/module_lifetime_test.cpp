@@ -132,8 +132,9 @@ TEST(ModuleLifetime, RegistrationWritesAndRemovesTheLibraryLocation) {
               ERROR_SUCCESS);
     wchar_t saved[301] = {};
     DWORD saved_bytes = 600, saved_type = 0;
-    bool had_value = RegQueryValueExW(key, L"zunapi", nullptr, &saved_type,
-                                      reinterpret_cast<BYTE*>(saved), &saved_bytes) == ERROR_SUCCESS;
+    bool had_value =
+        RegQueryValueExW(key, L"zunapi", nullptr, &saved_type, reinterpret_cast<BYTE*>(saved),
+                         &saved_bytes) == ERROR_SUCCESS;
 
     HMODULE module = load_library();
     ASSERT_NE(module, nullptr);
@@ -169,7 +170,8 @@ TEST(ModuleLifetime, RegistrationWritesAndRemovesTheLibraryLocation) {
 // A client module cached in a record: found through the registry, kept between requests and
 // unloaded by the process-exit work. In a child, because the exit work ends the runtime.
 TEST(ClientModule, Child) {
-    if (child_role() != "client") GTEST_SKIP() << "runs as a child of ClientModule.CachedAndUnloadedAtExit";
+    if (child_role() != "client")
+        GTEST_SKIP() << "runs as a child of ClientModule.CachedAndUnloadedAtExit";
     const wchar_t* key_name = L"ZunFactoryTestClass";
     HKEY key;
     ASSERT_EQ(RegCreateKeyExW(HKEY_CLASSES_ROOT, key_name, 0, nullptr, 0, KEY_ALL_ACCESS, nullptr,
