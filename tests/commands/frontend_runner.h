@@ -2,6 +2,8 @@
 #pragma once
 
 #include <atomic>
+#include <filesystem>
+#include <fstream>
 #include <string>
 #include <thread>
 
@@ -69,57 +71,35 @@ class ScratchFolder {
 public:
     ScratchFolder() {
         static std::atomic<unsigned> counter{0};
-        wchar_t temp[MAX_PATH];
-        GetTempPathW(MAX_PATH, temp);
-        path_ = std::wstring(temp) + L"frontend_test_" + std::to_wstring(GetCurrentProcessId()) +
-                L"_" + std::to_wstring(counter++);
-        CreateDirectoryW(path_.c_str(), nullptr);
+        path_ = std::filesystem::temp_directory_path() /
+                ("frontend_test_" + std::to_string(GetCurrentProcessId()) + "_" +
+                 std::to_string(counter++));
+        std::filesystem::create_directories(path_);
     }
     ~ScratchFolder() {
-        WIN32_FIND_DATAW found;
-        HANDLE search = FindFirstFileW((path_ + L"\\*").c_str(), &found);
-        if (search != INVALID_HANDLE_VALUE) {
-            do {
-                if (!(found.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY))
-                    DeleteFileW((path_ + L"\\" + found.cFileName).c_str());
-            } while (FindNextFileW(search, &found));
-            FindClose(search);
-        }
-        RemoveDirectoryW(path_.c_str());
+        std::error_code ignored;
+        std::filesystem::remove_all(path_, ignored);
     }
     ScratchFolder(const ScratchFolder&) = delete;
     ScratchFolder& operator=(const ScratchFolder&) = delete;
 
-    std::wstring file(const std::wstring& name) const { return path_ + L"\\" + name; }
-    const std::wstring& path() const { return path_; }
+    std::wstring file(const std::wstring& name) const { return (path_ / name).wstring(); }
+    std::wstring path() const { return path_.wstring(); }
 
     // Copies a file of the bin folder here; returns the copy's path.
     std::wstring copy_from_bin(const std::wstring& name) const {
-        CopyFileW((bin_directory() + L"\\" + name).c_str(), file(name).c_str(), FALSE);
+        std::filesystem::copy_file(bin_directory() + L"\\" + name, path_ / name);
         return file(name);
     }
 
     static void write(const std::wstring& path, const std::string& bytes) {
-        HANDLE handle =
-            CreateFileW(path.c_str(), GENERIC_WRITE, 0, nullptr, CREATE_ALWAYS, 0, nullptr);
-        DWORD written = 0;
-        WriteFile(handle, bytes.data(), static_cast<DWORD>(bytes.size()), &written, nullptr);
-        CloseHandle(handle);
+        std::ofstream(std::filesystem::path(path), std::ios::binary) << bytes;
     }
-
     static std::string read(const std::wstring& path) {
-        HANDLE handle = CreateFileW(path.c_str(), GENERIC_READ, FILE_SHARE_READ, nullptr,
-                                    OPEN_EXISTING, 0, nullptr);
-        if (handle == INVALID_HANDLE_VALUE) return "<missing>";
-        std::string bytes;
-        char buffer[65536];
-        DWORD got;
-        while (ReadFile(handle, buffer, sizeof buffer, &got, nullptr) && got)
-            bytes.append(buffer, got);
-        CloseHandle(handle);
-        return bytes;
+        std::ifstream in(std::filesystem::path(path), std::ios::binary);
+        return std::string(std::istreambuf_iterator<char>(in), {});
     }
 
 private:
-    std::wstring path_;
+    std::filesystem::path path_;
 };

@@ -8,6 +8,7 @@
 #include <windows.h>
 
 #include "base/test_support.h"
+#include "factory/library_value.h"
 #include "frontend_runner.h"
 
 namespace {
@@ -181,34 +182,16 @@ TEST(FrontEnd, InitWritesTextsThatLoadBackUnchanged) {
 TEST(FrontEnd, FindsTheLibraryThroughTheClassKey) {
     ScratchFolder folder;
     std::wstring zun = folder.copy_from_bin(L"zun.exe");
-
-    HKEY key;
-    ASSERT_EQ(RegCreateKeyExW(HKEY_CLASSES_ROOT, L"KestiFileMount", 0, nullptr, 0, KEY_ALL_ACCESS,
-                              nullptr, &key, nullptr),
-              ERROR_SUCCESS);
-    wchar_t saved[301] = {};
-    DWORD saved_bytes = 600, saved_type = 0;
-    bool had_value =
-        RegQueryValueExW(key, L"zunapi", nullptr, &saved_type, reinterpret_cast<BYTE*>(saved),
-                         &saved_bytes) == ERROR_SUCCESS;
-    RegDeleteValueW(key, L"zunapi");
-
+    SavedLibraryValue value;
+    value.remove();
     FrontEndRun alone = run_frontend(zun, L"", folder.path());
     EXPECT_EQ(alone.exit_code, static_cast<DWORD>(ERROR_MOD_NOT_FOUND));
     EXPECT_EQ(alone.out, "");
 
-    std::wstring library = bin_directory() + L"\\zunapi.dll";
-    RegSetValueExW(key, L"zunapi", 0, REG_SZ, reinterpret_cast<const BYTE*>(library.c_str()),
-                   static_cast<DWORD>((library.size() + 1) * sizeof(wchar_t)));
+    value.set(bin_directory() + L"\\zunapi.dll");
     FrontEndRun found = run_frontend(zun, L"-h", folder.path());
     EXPECT_EQ(found.exit_code, 0u);
     EXPECT_EQ(found.out, run_frontend(L"zun", L"-h").out);
-
-    RegDeleteValueW(key, L"zunapi");
-    if (had_value)
-        RegSetValueExW(key, L"zunapi", 0, saved_type, reinterpret_cast<const BYTE*>(saved),
-                       saved_bytes);
-    RegCloseKey(key);
 }
 
 // The entries as another program sees them: every one exported by name, the windowed ones

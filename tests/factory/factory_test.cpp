@@ -20,32 +20,17 @@ void count_initializer_run() {
 FACTORY_MODULE_INITIALIZER(test_initializer, count_initializer_run);
 
 // Registration hooks run in reverse order of registration: `failing` first, then `recording`.
-struct HookLog {
-    int calls = 0;
-    void* context = nullptr;
-    int operation = -1;
-};
-HookLog g_recording_log;
-HookLog g_failing_log;
-
-uint32_t recording_register(void* context) {
-    g_recording_log = {g_recording_log.calls + 1, context, 0};
-    return 0;
+// Each logs "<hook> <operation>" and the context it got.
+std::string g_hook_log;
+void* g_hook_context = nullptr;
+template <char Hook, char Operation, uint32_t Result> uint32_t logging_hook(void* context) {
+    g_hook_log += {Hook, Operation, ' '};
+    g_hook_context = context;
+    return Result;
 }
-uint32_t recording_unregister(void* context) {
-    g_recording_log = {g_recording_log.calls + 1, context, 1};
-    return 0;
-}
-uint32_t failing_register(void* context) {
-    g_failing_log = {g_failing_log.calls + 1, context, 0};
-    return ERROR_ACCESS_DENIED;
-}
-uint32_t failing_unregister(void* context) {
-    g_failing_log = {g_failing_log.calls + 1, context, 1};
-    return ERROR_ACCESS_DENIED;
-}
-FACTORY_REGISTRATION_HOOK(recording_hook, recording_register, recording_unregister);
-FACTORY_REGISTRATION_HOOK(failing_hook, failing_register, failing_unregister);
+FACTORY_REGISTRATION_HOOK(recording_hook, (logging_hook<'r', 'R', 0>), (logging_hook<'r', 'U', 0>));
+FACTORY_REGISTRATION_HOOK(failing_hook, (logging_hook<'f', 'R', ERROR_ACCESS_DENIED>),
+                          (logging_hook<'f', 'U', ERROR_ACCESS_DENIED>));
 
 void* const kUntouched = reinterpret_cast<void*>(0x5A5A);
 
@@ -86,21 +71,17 @@ TEST(Factory, UnknownIdsAndMissingArguments) {
 }
 
 TEST(Factory, RegistrationRunsEveryHookWithTheContext) {
-    g_recording_log = {};
-    g_failing_log = {};
     int context = 0;
     EXPECT_EQ(FactoryRegister1(nullptr, nullptr, &context, 2), 120u);
     EXPECT_EQ(FactoryRegister1(nullptr, nullptr, &context, -1), 120u);
-    EXPECT_EQ(g_failing_log.calls + g_recording_log.calls, 0);
+    EXPECT_EQ(g_hook_log, "");
 
     // Unregistering: the library's own hook finds nothing of this program's to remove, so the
     // result is the failing hook's, and the hook after it still ran.
     EXPECT_EQ(FactoryRegister1(nullptr, nullptr, &context, kFactoryUnregister),
               static_cast<uint32_t>(ERROR_ACCESS_DENIED));
-    EXPECT_EQ(g_failing_log.calls, 1);
-    EXPECT_EQ(g_recording_log.calls, 1);
-    EXPECT_EQ(g_recording_log.operation, 1);
-    EXPECT_EQ(g_recording_log.context, &context);
+    EXPECT_EQ(g_hook_log, "fU rU ");
+    EXPECT_EQ(g_hook_context, &context);
 }
 
 // First-call initialisation happens once per process, so each case runs in a child process of

@@ -14,6 +14,7 @@
 #include "base/child_process.h"
 #include "base/test_support.h"
 #include "base/thread.h"
+#include "factory/library_value.h"
 #include "factory/module_client.h"
 
 namespace {
@@ -26,29 +27,12 @@ bool library_loaded() {
     return GetModuleHandleW(library_path().c_str()) != nullptr;
 }
 
-struct LibraryExports {
-    FactoryMainGetInterface2Function get = nullptr;
-    FactoryMainUnload2Function unload = nullptr;
-    FactoryRegister1Function register_module = nullptr;
-    HRESULT(WINAPI* can_unload_now)() = nullptr;
-    const char* version = nullptr;
-};
-
-LibraryExports exports_of(HMODULE module) {
-    LibraryExports e;
-    auto entry = [&](const char* name) {
-        return reinterpret_cast<void*>(GetProcAddress(module, name));
-    };
-    e.get = reinterpret_cast<FactoryMainGetInterface2Function>(entry("FactoryMainGetInterface2"));
-    e.unload = reinterpret_cast<FactoryMainUnload2Function>(entry("FactoryMainUnload2"));
-    e.register_module = reinterpret_cast<FactoryRegister1Function>(entry("FactoryRegister1"));
-    e.can_unload_now = reinterpret_cast<HRESULT(WINAPI*)()>(entry("DllCanUnloadNow"));
-    e.version = static_cast<const char*>(entry("factoryVersionString1"));
-    return e;
-}
-
 HMODULE load_library() {
     return LoadLibraryExW(library_path().c_str(), nullptr, LOAD_WITH_ALTERED_SEARCH_PATH);
+}
+
+template <class T> T entry(HMODULE module, const char* name) {
+    return reinterpret_cast<T>(reinterpret_cast<void*>(GetProcAddress(module, name)));
 }
 
 } // namespace
@@ -57,14 +41,15 @@ TEST(ModuleLifetime, AnInterfaceKeepsTheModuleUntilReleasedAndUnloaded) {
     ASSERT_FALSE(library_loaded());
     HMODULE module = load_library();
     ASSERT_NE(module, nullptr);
-    LibraryExports e = exports_of(module);
-    ASSERT_TRUE(e.get && e.unload && e.register_module && e.can_unload_now && e.version);
-    EXPECT_STREQ(e.version, "zun.1.0.0.165.x64.release - 2012.05.16");
+    auto get = entry<FactoryMainGetInterface2Function>(module, "FactoryMainGetInterface2");
+    auto unload = entry<FactoryMainUnload2Function>(module, "FactoryMainUnload2");
+    auto can_unload_now = entry<HRESULT(WINAPI*)()>(module, "DllCanUnloadNow");
+    ASSERT_TRUE(get && unload && can_unload_now);
+    EXPECT_STREQ(entry<const char*>(module, "factoryVersionString1"),
+                 "zun.1.0.0.165.x64.release - 2012.05.16");
 
     void* table = nullptr;
-    std::wstring path = library_path();
-    ASSERT_EQ(e.get(&module, path.c_str(), "ZunMarshaller6", &table), 0u);
-    ASSERT_NE(table, nullptr);
+    ASSERT_EQ(get(&module, library_path().c_str(), "ZunMarshaller6", &table), 0u);
     auto* marshaller = static_cast<zun::Marshaller*>(table);
 
     // The client lets go of its own handle at once.
@@ -72,42 +57,36 @@ TEST(ModuleLifetime, AnInterfaceKeepsTheModuleUntilReleasedAndUnloaded) {
     module = nullptr;
     ASSERT_TRUE(library_loaded());
     EXPECT_EQ(marshaller->IdentifyScriptHeader("plain", 5, "memfs"), 11u);
-    EXPECT_EQ(e.can_unload_now(), S_FALSE);
-
-    e.unload(&module); // an object is alive: nothing happens
+    EXPECT_EQ(can_unload_now(), S_FALSE);
+    unload(&module); // an object is alive: nothing happens
     ASSERT_TRUE(library_loaded());
 
     marshaller->Release();
-    EXPECT_EQ(e.can_unload_now(), S_OK);
+    EXPECT_EQ(can_unload_now(), S_OK);
     ASSERT_TRUE(library_loaded()); // the self-reference stays until the unload
-
     // The unload frees the module's last reference, so its code is unmapped on the way back.
-    e.unload(&module);
+    unload(&module);
     EXPECT_FALSE(library_loaded());
 }
 
 TEST(ModuleLifetime, ConcurrentClientsLeaveNoReferenceBehind) {
     HMODULE first = load_library();
     ASSERT_NE(first, nullptr);
-    LibraryExports e = exports_of(first);
-    std::wstring path = library_path();
+    auto get = entry<FactoryMainGetInterface2Function>(first, "FactoryMainGetInterface2");
+    auto unload = entry<FactoryMainUnload2Function>(first, "FactoryMainUnload2");
 
     // Each round: a client loads the module, obtains a marshaller, frees its handle, uses the
-    // marshaller and releases it; the module must stay mapped throughout.
+    // marshaller and releases it.
     std::atomic<int> failures{0};
     auto client = [&] {
         for (int round = 0; round < 100; ++round) {
             HMODULE module = load_library();
             void* table = nullptr;
-            if (!module || e.get(&module, path.c_str(), "ZunMarshaller3", &table) != 0) {
-                ++failures;
-                if (module) FreeLibrary(module);
-                continue;
-            }
+            uint32_t error = get(&module, library_path().c_str(), "ZunMarshaller3", &table);
             if (module) FreeLibrary(module);
             auto* marshaller = static_cast<zun::MarshallerV5*>(table);
-            if (marshaller->IdentifyScriptHeader("x", 1, "memfs") != 11) ++failures;
-            marshaller->Release();
+            if (error || marshaller->IdentifyScriptHeader("x", 1, "memfs") != 11) ++failures;
+            if (marshaller) marshaller->Release();
         }
     };
     std::vector<std::thread> threads;
@@ -118,51 +97,33 @@ TEST(ModuleLifetime, ConcurrentClientsLeaveNoReferenceBehind) {
     FreeLibrary(first);
     ASSERT_TRUE(library_loaded()); // held by its self-reference alone
     HMODULE none = nullptr;
-    e.unload(&none);
+    unload(&none);
     EXPECT_FALSE(library_loaded());
 }
 
 // The library location hook writes the module's own path (recorded when it was loaded, not
 // the one a caller passes) and removes it only while it still names this module.
 TEST(ModuleLifetime, RegistrationWritesAndRemovesTheLibraryLocation) {
-    const wchar_t* key_path = L"SOFTWARE\\Classes\\KestiFileMount";
-    HKEY key;
-    ASSERT_EQ(RegCreateKeyExW(HKEY_LOCAL_MACHINE, key_path, 0, nullptr, 0, KEY_ALL_ACCESS, nullptr,
-                              &key, nullptr),
-              ERROR_SUCCESS);
-    wchar_t saved[301] = {};
-    DWORD saved_bytes = 600, saved_type = 0;
-    bool had_value =
-        RegQueryValueExW(key, L"zunapi", nullptr, &saved_type, reinterpret_cast<BYTE*>(saved),
-                         &saved_bytes) == ERROR_SUCCESS;
-
+    SavedLibraryValue value;
     HMODULE module = load_library();
     ASSERT_NE(module, nullptr);
-    LibraryExports e = exports_of(module);
-    EXPECT_EQ(e.register_module(nullptr, L"C:\\elsewhere\\zunapi.dll", nullptr, kFactoryRegister),
+    auto register_module = entry<FactoryRegister1Function>(module, "FactoryRegister1");
+    auto registered = [] {
+        wchar_t path[module_path_capacity];
+        uint32_t error = module_path_read(L"KestiFileMount", L"zunapi", path, module_path_capacity);
+        return error ? L"error " + std::to_wstring(error) : std::wstring(path);
+    };
+
+    EXPECT_EQ(register_module(nullptr, L"C:\\elsewhere\\zunapi.dll", nullptr, kFactoryRegister),
               0u);
-    wchar_t read[module_path_capacity];
-    ASSERT_EQ(module_path_read(L"KestiFileMount", L"zunapi", read, module_path_capacity), 0u);
-    EXPECT_EQ(_wcsicmp(read, library_path().c_str()), 0);
+    EXPECT_EQ(_wcsicmp(registered().c_str(), library_path().c_str()), 0);
+    EXPECT_EQ(register_module(nullptr, nullptr, nullptr, kFactoryUnregister), 0u);
+    EXPECT_EQ(registered(), L"error 2");
 
-    // Another library's registration is left alone.
-    const wchar_t other[] = L"C:\\other\\zunapi.dll";
-    RegSetValueExW(key, L"zunapi", 0, REG_SZ, reinterpret_cast<const BYTE*>(other), sizeof other);
-    EXPECT_EQ(e.register_module(nullptr, nullptr, nullptr, kFactoryUnregister), 0u);
-    ASSERT_EQ(module_path_read(L"KestiFileMount", L"zunapi", read, module_path_capacity), 0u);
-    EXPECT_STREQ(read, other);
+    value.set(L"C:\\other\\zunapi.dll"); // another library's registration is left alone
+    EXPECT_EQ(register_module(nullptr, nullptr, nullptr, kFactoryUnregister), 0u);
+    EXPECT_EQ(registered(), L"C:\\other\\zunapi.dll");
 
-    EXPECT_EQ(e.register_module(nullptr, nullptr, nullptr, kFactoryRegister), 0u);
-    EXPECT_EQ(e.register_module(nullptr, nullptr, nullptr, kFactoryUnregister), 0u);
-    EXPECT_EQ(module_path_read(L"KestiFileMount", L"zunapi", read, module_path_capacity),
-              static_cast<uint32_t>(ERROR_FILE_NOT_FOUND));
-
-    if (had_value)
-        RegSetValueExW(key, L"zunapi", 0, saved_type, reinterpret_cast<const BYTE*>(saved),
-                       saved_bytes);
-    RegCloseKey(key);
-    HMODULE none = nullptr;
-    e.unload(&none);
     FreeLibrary(module);
     EXPECT_FALSE(library_loaded());
 }
@@ -170,8 +131,7 @@ TEST(ModuleLifetime, RegistrationWritesAndRemovesTheLibraryLocation) {
 // A client module cached in a record: found through the registry, kept between requests and
 // unloaded by the process-exit work. In a child, because the exit work ends the runtime.
 TEST(ClientModule, Child) {
-    if (child_role() != "client")
-        GTEST_SKIP() << "runs as a child of ClientModule.CachedAndUnloadedAtExit";
+    if (child_role() != "client") GTEST_SKIP() << "runs as a child of CachedAndUnloadedAtExit";
     const wchar_t* key_name = L"ZunFactoryTestClass";
     HKEY key;
     ASSERT_EQ(RegCreateKeyExW(HKEY_CLASSES_ROOT, key_name, 0, nullptr, 0, KEY_ALL_ACCESS, nullptr,
@@ -181,33 +141,24 @@ TEST(ClientModule, Child) {
         RegSetValueExW(key, name, 0, type, reinterpret_cast<const BYTE*>(text.c_str()),
                        static_cast<DWORD>((text.size() + 1) * sizeof(wchar_t)));
     };
-    // The folder through an environment variable: the value is expanded.
     SetEnvironmentVariableW(L"ZUN_TEST_BIN", test_program_directory().c_str());
     set(L"library", REG_EXPAND_SZ, L"%ZUN_TEST_BIN%\\zunapi.dll");
     set(L"missing", REG_SZ, test_program_directory() + L"\\no-such-module.dll");
-    DWORD number = 1;
-    RegSetValueExW(key, L"number", 0, REG_DWORD, reinterpret_cast<const BYTE*>(&number),
-                   sizeof number);
+    set(L"binary", REG_BINARY, L"zunapi.dll");
     RegCloseKey(key);
 
     void* table = nullptr;
-    static ClientModule wrong_type = {key_name, L"number"};
-    EXPECT_EQ(client_module_get_interface(&wrong_type, "ZunMarshaller6", &table), 2u);
-    static ClientModule absent = {key_name, L"absent"};
-    EXPECT_EQ(client_module_get_interface(&absent, "ZunMarshaller6", &table), 2u);
+    static ClientModule binary = {key_name, L"binary"};
+    EXPECT_EQ(client_module_get_interface(&binary, "ZunMarshaller6", &table), 2u);
     static ClientModule missing = {key_name, L"missing"};
     EXPECT_EQ(client_module_get_interface(&missing, "ZunMarshaller6", &table),
               static_cast<uint32_t>(ERROR_MOD_NOT_FOUND));
     EXPECT_EQ(table, nullptr);
 
     static ClientModule record = {key_name, L"library"};
-    for (const char* id : {"ZunMarshaller6", "ZunMarshaller1", "ZunApi8"}) {
-        uint32_t error = client_module_get_interface(&record, id, &table);
-        if (std::string(id) == "ZunApi8") {
-            EXPECT_EQ(error, 123u);
-            continue;
-        }
-        ASSERT_EQ(error, 0u) << id;
+    EXPECT_EQ(client_module_get_interface(&record, "ZunApi8", &table), 123u);
+    for (const char* id : {"ZunMarshaller6", "ZunMarshaller1"}) {
+        ASSERT_EQ(client_module_get_interface(&record, id, &table), 0u) << id;
         static_cast<zun::MarshallerV2*>(table)->Release();
     }
     EXPECT_TRUE(library_loaded()); // cached between requests
