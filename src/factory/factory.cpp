@@ -21,6 +21,8 @@ std::atomic<bool> g_initialised{false};
 
 // Shared by FactoryMainGetInterface2 and FactoryRegister1. The initialisers run outside the
 // global lock, on the thread that set the flag; a concurrent first call does not wait for them.
+// The factory lock needs no clearing here: it is ready zero-initialised, and objects made
+// without the factory (a marshaller built in-process) may be counting under it already.
 void first_call(const wchar_t* module_file_name) {
     if (g_initialised.load(std::memory_order_acquire)) return;
     if (module_file_name && !factory_module_file_name())
