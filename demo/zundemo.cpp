@@ -1,6 +1,7 @@
 // zundemo: the library at work. First a short tour of the runtime's formatting engine (every
 // line produced by the library's own engine and written with WriteConsoleW or WriteFile), then
-// a session of the file-system protocol with the sample formatter, traced.
+// a session of the file-system protocol with the sample formatter, traced, and last the zun
+// front-end run as a program of its own.
 #include <windows.h>
 #include <rpc.h>
 
@@ -14,6 +15,7 @@
 #include "base/utf.h"
 #include "base/value_words.h"
 #include "base/wildcard.h"
+#include "frontend_demo.h"
 #include "protocol_demo.h"
 
 namespace {
@@ -98,6 +100,7 @@ void runtime_tour() {
 int wmain() {
     runtime_tour();
     int result = protocol_demo();
+    if (frontend_demo() != 0 && result == 0) result = 1;
     // As every front-end does after its command: join the threads the runtime started.
     process_exit_work();
     return result;

@@ -3,6 +3,7 @@
 #include <new>
 #include <stdlib.h>
 
+#include "factory/live_objects.h"
 #include "protocol/data_placement.h"
 #include "protocol/fast_pipe.h"
 #include "protocol/fast_pipe_transport.h"
@@ -30,6 +31,8 @@ MarshallerObject::MarshallerObject(uint32_t version) : version_(version), flush_
     // Nothing is in flight yet.
     pin_signal(&idle_);
     g_live_marshallers.fetch_add(1, std::memory_order_relaxed);
+    // A live marshaller keeps the module loaded, however the formatter obtained it.
+    factory_object_created();
 }
 
 MarshallerObject::~MarshallerObject() {
@@ -37,6 +40,7 @@ MarshallerObject::~MarshallerObject() {
     ClearPassword();
     SetTraceChannel(nullptr);
     g_live_marshallers.fetch_sub(1, std::memory_order_relaxed);
+    factory_object_destroyed();
 }
 
 MarshallerObject* MarshallerObject::create(uint32_t version) {

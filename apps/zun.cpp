@@ -1,0 +1,5 @@
+#include "library_entry.h"
+
+int wmain(int argc, wchar_t** argv) {
+    return run_console_entry("zun_wmain", argc, argv);
+}
