@@ -46,8 +46,8 @@ namespace {
 constexpr uint32_t kDataAlign = 4096;
 constexpr uint32_t kFileOpenId = 1;
 constexpr size_t kPipeBuffer = 1 << 20;
-constexpr double kRoundSeconds = 0.08;
-constexpr int kRounds = 5;
+constexpr double kRoundSeconds = 0.1;
+constexpr int kRounds = 9;
 
 void say(const char* format, ...) {
     char line[512];
