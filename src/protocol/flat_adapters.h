@@ -16,14 +16,12 @@
 
 namespace zun {
 
-class MarshallerObject;
-
 // The read-write adapter, over the flat interface of versions 1 to 5 (FlatFormatterV5: move
 // without access level, flush with six arguments and a header-only reply) or of version 6
 // (FlatFormatter).
 template <class Flat> class FlatAdapterOf final : public FormatterRequestHandler {
 public:
-    FlatAdapterOf(MarshallerObject*, Flat* formatter) : flat_(formatter) {}
+    explicit FlatAdapterOf(Flat* formatter) : flat_(formatter) {}
 
     void Open(OpenRequest* request, FormatterScratch* scratch) override;
     void Replace(ReplaceRequest* request, FormatterScratch* scratch) override;
@@ -56,7 +54,7 @@ using FlatAdapter = FlatAdapterOf<FlatFormatter>;
 // the same way.
 class ReadOnlyFlatAdapter final : public FormatterRequestHandler {
 public:
-    ReadOnlyFlatAdapter(MarshallerObject*, ReadOnlyFlatFormatter* formatter) : flat_(formatter) {}
+    explicit ReadOnlyFlatAdapter(ReadOnlyFlatFormatter* formatter) : flat_(formatter) {}
 
     void Open(OpenRequest* request, FormatterScratch* scratch) override;
     void Replace(ReplaceRequest* request, FormatterScratch* scratch) override;

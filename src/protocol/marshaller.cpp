@@ -119,19 +119,19 @@ uint32_t MarshallerObject::IdentifyScriptHeader(const void* data, size_t size,
 uint32_t MarshallerObject::ServeOps(FlatFormatterV5* formatter, uint32_t volume_flags,
                                     const char* formatter_name, HANDLE read_handle,
                                     HANDLE write_handle) {
-    FlatAdapterV5 adapter(this, formatter);
+    FlatAdapterV5 adapter(formatter);
     return serve_flat(&adapter, volume_flags, formatter_name, read_handle, write_handle);
 }
 uint32_t MarshallerObject::ServeOps(FlatFormatter* formatter, uint32_t volume_flags,
                                     const char* formatter_name, HANDLE read_handle,
                                     HANDLE write_handle) {
-    FlatAdapter adapter(this, formatter);
+    FlatAdapter adapter(formatter);
     return serve_flat(&adapter, volume_flags, formatter_name, read_handle, write_handle);
 }
 uint32_t MarshallerObject::ServeOpsV0(ReadOnlyFlatFormatter* formatter, uint32_t volume_flags,
                                       const char* formatter_name, HANDLE read_handle,
                                       HANDLE write_handle) {
-    ReadOnlyFlatAdapter adapter(this, formatter);
+    ReadOnlyFlatAdapter adapter(formatter);
     return serve_flat(&adapter, volume_flags, formatter_name, read_handle, write_handle);
 }
 
@@ -185,7 +185,6 @@ uint32_t MarshallerObject::Serve(const ServeParams* params) {
     // in flight belong to the formatter until it completes them; their replies are not sent any
     // more.
     pin_signal(&cancel_);
-    wake_deferred_ = false;
     wait_idle();
     discard_queue();
     stream.join_writer();
@@ -321,7 +320,6 @@ void MarshallerObject::complete(RequestObject* request, ProtocolError error) {
 void MarshallerObject::wake_writer() {
     hold_acquire(&lock_);
     bool wake = wake_deferred_ && writer_waiting_;
-    wake_deferred_ = false;
     if (wake) {
         writer_waiting_ = false;
         pin_signal(&reply_ready_);
