@@ -122,7 +122,6 @@ public:
     // the pending read and is given what replies are queued; false when another read is still
     // pending (the context then stays the caller's).
     bool fast_pipe_read_arrived(RequestContext* read);
-    FastPipe* fast_pipe_object() const { return fast_pipe_; }
 
     // Prints to the trace channel alone (the fast pipe's own errors).
     void trace_printf(const wchar_t* format, ...);
