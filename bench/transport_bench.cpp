@@ -271,62 +271,32 @@ private:
     PipePair& pipes_;
 };
 
-// Whatever has arrived in one read; every reply owed in one write.
+// Whatever has arrived in one read; every reply owed in one write. Split in two, the reading
+// thread only counts the requests that have arrived and wakes a writer thread, which sends every
+// reply owed in one write: the shape of the marshaller's stream serve, and the difference to the
+// single-thread echo is the price of the hand-over between threads.
 class BatchedEcho : public Variant {
 public:
-    explicit BatchedEcho(PipePair& pipes) : pipes_(pipes) {}
-    double round(const Mix& mix, size_t window, size_t n) override {
-        std::vector<uint8_t> replies(mix.reply_size * window, 0);
-        std::thread server([&] {
-            std::vector<uint8_t> inbox(std::max<size_t>(1 << 20, mix.request.size() * window));
-            uint64_t bytes = 0;
-            size_t answered = 0;
-            while (answered < n) {
-                DWORD got = 0;
-                if (!ReadFile(pipes_.server_read, inbox.data(), static_cast<DWORD>(inbox.size()),
-                              &got, nullptr) ||
-                    !got)
-                    return;
-                bytes += got;
-                size_t complete = static_cast<size_t>(bytes / mix.request.size());
-                size_t owed = complete - answered;
-                if (owed && !write_all(pipes_.server_write, replies.data(), owed * mix.reply_size))
-                    return;
-                answered = complete;
-            }
-        });
-        StreamDriver driver(pipes_, mix, window);
-        double seconds = driver.run(n);
-        server.join();
-        return seconds;
-    }
-
-private:
-    PipePair& pipes_;
-};
-
-// The batched echo split like the marshaller's stream serve: the reading thread counts the
-// requests that have arrived and wakes a writer thread, which sends every reply owed in one
-// write. The difference to the batched echo is the price of the hand-over between threads.
-class TwoThreadEcho : public Variant {
-public:
-    explicit TwoThreadEcho(PipePair& pipes) : pipes_(pipes) {}
+    BatchedEcho(PipePair& pipes, bool two_threads) : pipes_(pipes), two_threads_(two_threads) {}
     double round(const Mix& mix, size_t window, size_t n) override {
         std::vector<uint8_t> replies(mix.reply_size * window, 0);
         HANDLE wake = CreateEventW(nullptr, FALSE, FALSE, nullptr);
         std::atomic<size_t> owed{0};
-        std::thread writer([&] {
-            size_t answered = 0;
-            while (answered < n) {
-                WaitForSingleObject(wake, INFINITE);
-                size_t now_owed = owed.exchange(0);
-                if (now_owed == SIZE_MAX) return;
-                if (now_owed && !write_all(pipes_.server_write, replies.data(),
-                                           now_owed * mix.reply_size))
-                    return;
-                answered += now_owed;
-            }
-        });
+        constexpr size_t kGone = SIZE_MAX;
+        auto send = [&](size_t count) {
+            return write_all(pipes_.server_write, replies.data(), count * mix.reply_size);
+        };
+        std::thread writer;
+        if (two_threads_) {
+            writer = std::thread([&] {
+                for (size_t answered = 0; answered < n;) {
+                    WaitForSingleObject(wake, INFINITE);
+                    size_t now_owed = owed.exchange(0);
+                    if (now_owed == kGone || (now_owed && !send(now_owed))) return;
+                    answered += now_owed;
+                }
+            });
+        }
         std::thread reader([&] {
             std::vector<uint8_t> inbox(std::max<size_t>(1 << 20, mix.request.size() * window));
             uint64_t bytes = 0;
@@ -335,30 +305,35 @@ public:
                 DWORD got = 0;
                 if (!ReadFile(pipes_.server_read, inbox.data(), static_cast<DWORD>(inbox.size()),
                               &got, nullptr) ||
-                    !got) {
-                    owed.store(SIZE_MAX);
-                    SetEvent(wake);
-                    return;
-                }
+                    !got)
+                    break;
                 bytes += got;
                 size_t complete = static_cast<size_t>(bytes / mix.request.size());
-                if (complete > seen) {
+                if (complete == seen) continue;
+                if (two_threads_) {
                     owed.fetch_add(complete - seen);
                     SetEvent(wake);
-                    seen = complete;
+                } else if (!send(complete - seen)) {
+                    break;
                 }
+                seen = complete;
+            }
+            if (seen < n) {
+                owed.store(kGone);
+                SetEvent(wake);
             }
         });
         StreamDriver driver(pipes_, mix, window);
         double seconds = driver.run(n);
         reader.join();
-        writer.join();
+        if (writer.joinable()) writer.join();
         CloseHandle(wake);
         return seconds;
     }
 
 private:
     PipePair& pipes_;
+    bool two_threads_;
 };
 
 // The marshaller on the simulated fast pipe; each request a write with direct result.
@@ -543,9 +518,9 @@ int main(int argc, char** argv) {
     std::vector<Mix> all = mixes(write_data);
     StreamServe ours(pipes, fs);
     NaiveEcho naive(pipes);
-    BatchedEcho batched(pipes);
+    BatchedEcho batched(pipes, false);
     FastPipeServe fast(pipes, fs);
-    TwoThreadEcho two_thread(pipes);
+    BatchedEcho two_thread(pipes, true);
     Variant* variants[] = {&ours, &naive, &batched, &fast, &two_thread};
     constexpr int kVariants = sizeof variants / sizeof variants[0];
 
