@@ -11,12 +11,9 @@
 TEST(WaitWord, RemembersAnEarlyWakeAndTimesOutWithoutOne) {
     WaitWord word;
     wait_word_wake(&word);
+    EXPECT_EQ(1, wait_word_wait(&word, 5000));
     uint64_t start = tick_now();
-    EXPECT_EQ(1, wait_word_wait(&word, -1));
-    EXPECT_LT(tick_now() - start, 1000u);
-
     WaitWord idle;
-    start = tick_now();
     EXPECT_EQ(0, wait_word_wait(&idle, 50));
     EXPECT_GE(tick_now() - start, 40u);
     // Idle again after the time-out: a later wake is remembered for a later wait.

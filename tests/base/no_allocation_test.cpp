@@ -4,7 +4,6 @@
 #include <gtest/gtest.h>
 #include <windows.h>
 
-#include <cstdlib>
 #include <cstring>
 
 #include "base/base64.h"
@@ -18,48 +17,19 @@
 namespace {
 
 long allocations = 0;
+const char* const hooked_names[] = {"HeapAlloc", "malloc", "calloc", "realloc", "RtlAllocateHeap"};
+void* originals[5];
 
-decltype(&HeapAlloc) real_heap_alloc;
-void*(__cdecl* real_malloc)(size_t);
-void*(__cdecl* real_calloc)(size_t, size_t);
-void*(__cdecl* real_realloc)(void*, size_t);
-void*(NTAPI* real_rtl_allocate_heap)(void*, ULONG, SIZE_T);
-
-LPVOID WINAPI counting_heap_alloc(HANDLE h, DWORD f, SIZE_T n) {
-    return ++allocations, real_heap_alloc(h, f, n);
+// The stand-in for entry I: counts, then calls the original (x64 has one calling convention).
+template <int I, class... Args> void* counting(Args... args) {
+    ++allocations;
+    return reinterpret_cast<void* (*)(Args...)>(originals[I])(args...);
 }
-void* __cdecl counting_malloc(size_t n) {
-    return ++allocations, real_malloc(n);
-}
-void* __cdecl counting_calloc(size_t c, size_t n) {
-    return ++allocations, real_calloc(c, n);
-}
-void* __cdecl counting_realloc(void* p, size_t n) {
-    return ++allocations, real_realloc(p, n);
-}
-void* NTAPI counting_rtl_allocate_heap(void* h, ULONG f, SIZE_T n) {
-    return ++allocations, real_rtl_allocate_heap(h, f, n);
-}
-
-struct Hook {
-    const char* name;
-    void* replacement;
-    void** original;
-    void** slot;
-};
-
-Hook hooks[] = {
-    {"HeapAlloc", reinterpret_cast<void*>(counting_heap_alloc),
-     reinterpret_cast<void**>(&real_heap_alloc), nullptr},
-    {"malloc", reinterpret_cast<void*>(counting_malloc), reinterpret_cast<void**>(&real_malloc),
-     nullptr},
-    {"calloc", reinterpret_cast<void*>(counting_calloc), reinterpret_cast<void**>(&real_calloc),
-     nullptr},
-    {"realloc", reinterpret_cast<void*>(counting_realloc), reinterpret_cast<void**>(&real_realloc),
-     nullptr},
-    {"RtlAllocateHeap", reinterpret_cast<void*>(counting_rtl_allocate_heap),
-     reinterpret_cast<void**>(&real_rtl_allocate_heap), nullptr},
-};
+void* const replacements[] = {reinterpret_cast<void*>(counting<0, HANDLE, DWORD, SIZE_T>),
+                              reinterpret_cast<void*>(counting<1, size_t>),
+                              reinterpret_cast<void*>(counting<2, size_t, size_t>),
+                              reinterpret_cast<void*>(counting<3, void*, size_t>),
+                              reinterpret_cast<void*>(counting<4, void*, ULONG, SIZE_T>)};
 
 void write_slot(void** slot, void* value) {
     DWORD old;
@@ -68,44 +38,39 @@ void write_slot(void** slot, void* value) {
     VirtualProtect(slot, sizeof(void*), old, &old);
 }
 
-// Finds each hooked name among the executable's imports, from any DLL, and swaps its slot.
-class AllocationWatch {
-public:
+// Swaps the import slot of each hooked name, from any DLL, for the life of the object.
+struct AllocationWatch {
+    void** slots[5] = {};
+    int hooked = 0;
+
     AllocationWatch() {
         auto* base = reinterpret_cast<BYTE*>(GetModuleHandleW(nullptr));
         auto* nt = reinterpret_cast<IMAGE_NT_HEADERS*>(
             base + reinterpret_cast<IMAGE_DOS_HEADER*>(base)->e_lfanew);
-        const auto& dir = nt->OptionalHeader.DataDirectory[IMAGE_DIRECTORY_ENTRY_IMPORT];
-        for (auto* imp = reinterpret_cast<IMAGE_IMPORT_DESCRIPTOR*>(base + dir.VirtualAddress);
-             imp->Name; ++imp) {
+        DWORD imports =
+            nt->OptionalHeader.DataDirectory[IMAGE_DIRECTORY_ENTRY_IMPORT].VirtualAddress;
+        for (auto* imp = reinterpret_cast<IMAGE_IMPORT_DESCRIPTOR*>(base + imports); imp->Name;
+             ++imp) {
             auto* names = reinterpret_cast<IMAGE_THUNK_DATA*>(base + imp->OriginalFirstThunk);
-            auto* slots = reinterpret_cast<IMAGE_THUNK_DATA*>(base + imp->FirstThunk);
-            for (; names->u1.AddressOfData; ++names, ++slots) {
+            auto* slot = reinterpret_cast<void**>(base + imp->FirstThunk);
+            for (; names->u1.AddressOfData; ++names, ++slot) {
                 if (IMAGE_SNAP_BY_ORDINAL(names->u1.Ordinal)) continue;
-                auto* name =
-                    reinterpret_cast<IMAGE_IMPORT_BY_NAME*>(base + names->u1.AddressOfData)->Name;
-                for (Hook& h : hooks) {
-                    if (strcmp(reinterpret_cast<const char*>(name), h.name) != 0 || h.slot)
-                        continue;
-                    h.slot = reinterpret_cast<void**>(&slots->u1.Function);
-                    *h.original = *h.slot;
-                    write_slot(h.slot, h.replacement);
-                    ++hooked_;
-                }
+                auto* name = reinterpret_cast<const char*>(
+                    reinterpret_cast<IMAGE_IMPORT_BY_NAME*>(base + names->u1.AddressOfData)->Name);
+                for (int i = 0; i < 5; ++i)
+                    if (!slots[i] && !strcmp(name, hooked_names[i])) {
+                        slots[i] = slot;
+                        originals[i] = *slot;
+                        write_slot(slot, replacements[i]);
+                        ++hooked;
+                    }
             }
         }
     }
     ~AllocationWatch() {
-        for (Hook& h : hooks)
-            if (h.slot) {
-                write_slot(h.slot, *h.original);
-                h.slot = nullptr;
-            }
+        for (int i = 0; i < 5; ++i)
+            if (slots[i]) write_slot(slots[i], originals[i]);
     }
-    int hooked() const { return hooked_; }
-
-private:
-    int hooked_ = 0;
 };
 
 } // namespace
@@ -117,7 +82,7 @@ TEST(NoAllocation, EnginesAndCompanionsNeverTouchTheHeap) {
     long during;
     {
         AllocationWatch watch;
-        ASSERT_GE(watch.hooked(), 2); // at least HeapAlloc and malloc are imported
+        ASSERT_GE(watch.hooked, 2); // at least HeapAlloc and malloc are imported
         allocations = 0;
         // The watch sees an allocation where there is one...
         text_free(text_format_alloc(L"%d", 1));
@@ -132,12 +97,8 @@ TEST(NoAllocation, EnginesAndCompanionsNeverTouchTheHeap) {
                     40, 30, "abc");
         utf8_to_text(wide, 600, "\xF0\x9F\x98\x80 \xFF");
         text_to_utf8(narrow, 600, L"\U0001F600 \xD800");
-        text_copy(wide, 600, L"copy");
-        text_append(wide, 600, L" and more");
-        text_prepend(wide, 600, L"front ");
         text_compare_nocase(L"Stra\u00DFe \U00010428", L"STRASSE \U00010400");
         utf8_compare_nocase("\xC3\xA9t\xC3\xA9", "\xC3\x89T\xC3\x89");
-        text_find_ascii_nocase(L"C:\\Program Files\\Zun", L"zun");
         text_wildcard_match_ascii_nocase(L"*zun*fs?.dll", L"C:\\x\\zunisofs7.DLL");
         text_base64_encode(wide, 600, "foobar", 6);
         text_base64_decode(narrow, 600, L"Zm9vYmFy");
