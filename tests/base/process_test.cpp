@@ -1,12 +1,20 @@
-// Launching real child processes: redirected handles, exit codes, what the child inherits,
-// program search, environment and directory, waiting with time-outs and cancel, and the shell.
+// Real child processes: launching with redirected handles, what the child inherits, program
+// search, environment and directory, waits, the shell; command lines against the platform's own
+// splitting; process signal pins, standard handle repair and the shutdown signal through
+// children with and without a console; the trace hook with and without the trace library.
 #include <gtest/gtest.h>
 
+#include <random>
 #include <string>
 #include <thread>
 #include <vector>
 
+#include <windows.h>
+#include <shellapi.h>
+
+#include "base/command_line.h"
 #include "base/process.h"
+#include "base/process_signals.h"
 #include "base/program_find.h"
 #include "base/text_arena.h"
 #include "child_process.h"
@@ -20,6 +28,25 @@ uint32_t launch(ProcessLaunch* launch, std::vector<const wchar_t*> arguments,
     arguments.insert(arguments.begin(), program.c_str());
     arguments.push_back(nullptr);
     return process_launch(launch, arguments.data());
+}
+
+using Vector = std::vector<std::wstring>;
+
+Vector split(const std::wstring& line) {
+    int count = 0;
+    wchar_t** arguments = CommandLineToArgvW(line.c_str(), &count);
+    Vector result(arguments, arguments + count);
+    LocalFree(arguments);
+    return result;
+}
+
+// A new folder of its own in the temporary folder.
+std::wstring temp_folder(const wchar_t* name) {
+    wchar_t temp[MAX_PATH];
+    GetTempPathW(MAX_PATH, temp);
+    std::wstring folder = temp + (name + std::to_wstring(GetCurrentProcessId()));
+    CreateDirectoryW(folder.c_str(), nullptr);
+    return folder;
 }
 
 } // namespace
@@ -108,10 +135,7 @@ TEST(ProcessLaunch, FailuresEnvironmentAndDirectory) {
 }
 
 TEST(ProcessLaunch, ProgramsAreFoundBesideTheProgramInTheCurrentDirectoryAndOnPath) {
-    wchar_t temp[MAX_PATH];
-    GetTempPathW(MAX_PATH, temp);
-    std::wstring directory = temp + (L"zun_find_" + std::to_wstring(GetCurrentProcessId()));
-    CreateDirectoryW(directory.c_str(), nullptr);
+    std::wstring directory = temp_folder(L"zun_find_");
     std::wstring copy = directory + L"\\zun_found_child.exe";
     ASSERT_TRUE(CopyFileW(io_child_path().c_str(), copy.c_str(), FALSE));
     TextArena arena;
@@ -161,4 +185,133 @@ TEST(ProcessLaunch, ShellOpenAndHandleWait) {
     EXPECT_EQ(0, handle_wait(event.get(), &never, 0));
     const wchar_t* nothing[] = {nullptr};
     EXPECT_EQ(87u, shell_open(nothing));
+}
+
+TEST(CommandLine, IsTheInverseOfCommandLineToArgvW) {
+    // The program always in quotes; an empty argument as a pair of quotes; a quote inside an
+    // argument behind a backslash; a trailing backslash without blanks stays single, with
+    // blanks it is doubled before the closing quote.
+    TextArena arena;
+    const wchar_t* fixed[] = {
+        L"C:\\p q\\prog.exe", L"a", L"", L"b c", L"d\"e", L"f\\", L"g h\\", L"i\\\"j", nullptr};
+    CommandLine line = command_line_build(arena, fixed);
+    EXPECT_STREQ(L"\"C:\\p q\\prog.exe\" a \"\" \"b c\" d\\\"e f\\ \"g h\\\\\" i\\\\\\\"j",
+                 line.text);
+    EXPECT_EQ(18u, line.second_argument);
+    const wchar_t* alone[] = {L"prog", nullptr};
+    EXPECT_EQ(6u, command_line_build(arena, alone).second_argument); // none: the length
+
+    // Generated vectors from a small alphabet that holds everything the splitting treats
+    // specially; the program (split without escapes) holds no quote.
+    std::mt19937 random(20240601);
+    auto text = [&](const std::wstring& alphabet, size_t max_length) {
+        std::wstring s(std::uniform_int_distribution<size_t>(0, max_length)(random), L' ');
+        for (wchar_t& c : s)
+            c = alphabet[std::uniform_int_distribution<size_t>(0, alphabet.size() - 1)(random)];
+        return s;
+    };
+    int failures = 0;
+    for (int round = 0; round < 5000 && failures < 5; ++round) {
+        Vector vector{text(L"pq \t\\:", 6)};
+        for (size_t n = std::uniform_int_distribution<size_t>(0, 6)(random); n; --n)
+            vector.push_back(text(L"ab \t\\\"\x00e9", 7));
+        std::vector<const wchar_t*> pointers;
+        for (const std::wstring& s : vector) pointers.push_back(s.c_str());
+        pointers.push_back(nullptr);
+        line = command_line_build(arena, pointers.data());
+        // The rest of the line after the second-argument position is the other arguments.
+        Vector tail = split(L"\"x\" " + std::wstring(line.text + line.second_argument));
+        tail.erase(tail.begin());
+        if (split(line.text) != vector || tail != Vector(vector.begin() + 1, vector.end())) {
+            ++failures;
+            ADD_FAILURE() << "line " << testing::PrintToString(std::wstring(line.text));
+        }
+    }
+}
+
+TEST(ProcessSignalPins, FixedPinsIgnoreSignalAndReset) {
+    Signalable *clear = process_signal_pin(0), *set = process_signal_pin(5);
+    EXPECT_EQ(set, process_signal_pin(9)); // larger indexes mean 5
+    signalable_signal(clear);
+    signalable_reset(set);
+    EXPECT_EQ(0, pin_wait(clear, nullptr, 20));
+    EXPECT_EQ(0, pin_wait(clear, set, 10000)); // the fixed-set pin as a cancel source at once
+    // Pins 1 to 4 are ordinary and distinct.
+    Signalable* spare = process_signal_pin(4);
+    EXPECT_NE(spare, process_signal_pin(3));
+    signalable_signal(spare);
+    EXPECT_EQ(1, pin_wait(spare, clear, 10000));
+    signalable_reset(spare);
+    EXPECT_EQ(0, signalable_is_signalled(spare));
+}
+
+TEST(ConsoleSignals, ChildrenWithAndWithoutAConsole) {
+    // "handles": started without any standard handles, the repair gives it the null device.
+    // "ctrl-c": Ctrl+C in its own console signals the shutdown pin. "console-read": line reads
+    // with typed lines, short buffers, a time-out and a cancel source (see the child's bits).
+    const std::pair<const wchar_t*, DWORD> children[] = {{L"handles", DETACHED_PROCESS},
+                                                         {L"ctrl-c", CREATE_NEW_CONSOLE},
+                                                         {L"console-read", CREATE_NEW_CONSOLE}};
+    for (auto [mode, flags] : children) {
+        StartedChild child = start_child(mode, flags);
+        ASSERT_TRUE(child.process.valid());
+        EXPECT_EQ(0u, child.wait()) << testing::PrintToString(std::wstring(mode));
+    }
+}
+
+TEST(ConsoleSignals, ClosingOrEndingTheSessionOfTheHiddenWindowSignalsTheShutdownPin) {
+    for (auto [message, wparam] : {std::pair<UINT, WPARAM>{WM_CLOSE, 0}, {WM_ENDSESSION, TRUE}}) {
+        // A child without a console; its window exists once it has written its "ready" line.
+        ChildPipe output(true);
+        HANDLE handles[3] = {nullptr, output.child_end, output.child_end};
+        StartedChild child = start_child(L"window", DETACHED_PROCESS, handles);
+        CloseHandle(output.child_end);
+        ASSERT_TRUE(child.process.valid());
+        char line[16] = {};
+        size_t count = 0;
+        EXPECT_EQ(0u, io_read_ex(output.parent_end.get(), nullptr, nullptr, 15000, line,
+                                 sizeof line, &count));
+        EXPECT_EQ("ready\n", std::string(line, count));
+
+        std::pair<DWORD, HWND> search{child.id, nullptr};
+        EnumWindows(
+            [](HWND window, LPARAM parameter) -> BOOL {
+                auto* search = reinterpret_cast<std::pair<DWORD, HWND>*>(parameter);
+                wchar_t name[64];
+                DWORD process_id = 0;
+                GetWindowThreadProcessId(window, &process_id);
+                if (process_id != search->first || !GetClassNameW(window, name, 64) ||
+                    std::wstring(name) != L"SignalWindow")
+                    return TRUE;
+                search->second = window;
+                return FALSE;
+            },
+            reinterpret_cast<LPARAM>(&search));
+        ASSERT_NE(nullptr, search.second);
+        PostMessageW(search.second, message, wparam, 0);
+        EXPECT_EQ(0u, child.wait()) << message;
+    }
+}
+
+TEST(TraceHook, LinesReachTheTraceLibraryWhenItIsPresentAndAreNoOpsWithout) {
+    EXPECT_EQ(3u, start_child(L"trace", 0).wait());
+    std::wstring directory = temp_folder(L"zun_trace_");
+    std::wstring program = directory + L"\\io_child.exe", library = directory + L"\\traceapp.dll",
+                 output = directory + L"\\trace.txt";
+    ASSERT_TRUE(CopyFileW(io_child_path().c_str(), program.c_str(), FALSE));
+    ASSERT_TRUE(CopyFileW((test_program_directory() + L"\\tracetest\\traceapp.dll").c_str(),
+                          library.c_str(), FALSE));
+    DeleteFileW(output.c_str());
+    SetEnvironmentVariableW(L"ZUN_TRACE_FILE", output.c_str());
+    EXPECT_EQ(0u, start_process(L"\"" + program + L"\" trace", 0).wait());
+    SetEnvironmentVariableW(L"ZUN_TRACE_FILE", nullptr);
+
+    OwnedHandle file(CreateFileW(output.c_str(), GENERIC_READ, FILE_SHARE_READ, nullptr,
+                                 OPEN_EXISTING, 0, nullptr));
+    EXPECT_EQ("io_child: hello 42 world\nsecond: direct\nsecond: " + std::string(2000, 'x') +
+                  "\nreleased second\nreleased io_child\nclosed\n",
+              read_all(file.get()));
+    file.reset();
+    for (const std::wstring& path : {output, program, library}) DeleteFileW(path.c_str());
+    RemoveDirectoryW(directory.c_str());
 }

@@ -1,18 +1,33 @@
 // The text companions: bounded copies, duplicates, compares (the case-insensitive one against
-// the platform over the whole BMP), searches, wildcards, base64 and the arena.
+// the platform over the whole BMP), searches, wildcards, base64, the arena, the UTF-8/UTF-16
+// transcoders and value words.
 #include <gtest/gtest.h>
-#include <windows.h>
 
+#include <cstdint>
 #include <cstring>
 #include <string>
+
+#include <windows.h>
 
 #include "base/base64.h"
 #include "base/text.h"
 #include "base/text_arena.h"
 #include "base/upcase.h"
+#include "base/utf.h"
+#include "base/value_words.h"
 #include "base/wildcard.h"
 
 extern "C" WCHAR NTAPI RtlUpcaseUnicodeChar(WCHAR c);
+
+namespace {
+
+std::wstring format(int64_t value, uint32_t style, unsigned digits = 0) {
+    wchar_t out[64];
+    value_format(out, 64, value, style, digits);
+    return out;
+}
+
+} // namespace
 
 TEST(Text, BoundedCopyAppendAndPrependAlwaysTerminate) {
     EXPECT_EQ(text_length(nullptr), 0u);
@@ -169,4 +184,141 @@ TEST(Text, Base64) {
     EXPECT_EQ(utf8_base64_decode(back, 2, "Zm9vYmFy"), 6u);
     EXPECT_EQ(memcmp(back, "fo", 2), 0);
     EXPECT_EQ(utf8_base64_decode(back, sizeof back, "Zm9vYmFy", 4), 3u);
+}
+
+TEST(Utf, RoundTripsEveryCodePointThroughBothEncodings) {
+    // Against the platform's converter for every scalar value, in blocks of characters.
+    std::wstring wide;
+    for (uint32_t cp = 1; cp <= 0x10FFFF; ++cp) {
+        if (cp - 0xD800 < 0x800) continue;
+        wchar_t units[2];
+        wide.append(units, utf16_encode(cp, units));
+        if (wide.size() < 4000 && cp < 0x10FFFF) continue;
+        static char ours[16000], platform[16000];
+        static wchar_t back[4100];
+        size_t n = text_to_utf8(ours, sizeof ours, wide.c_str(), wide.size());
+        int m = WideCharToMultiByte(CP_UTF8, 0, wide.c_str(), int(wide.size()), platform,
+                                    sizeof platform, nullptr, nullptr);
+        ASSERT_EQ(n, size_t(m)) << "block ending at U+" << std::hex << cp;
+        ASSERT_EQ(memcmp(ours, platform, n), 0) << "block ending at U+" << std::hex << cp;
+        ASSERT_EQ(utf8_to_text(back, 4100, ours, n), wide.size());
+        ASSERT_TRUE(wide == back) << "block ending at U+" << std::hex << cp;
+        wide.clear();
+    }
+}
+
+TEST(Utf, InvalidValuesLengthsAndCapacities) {
+    // Stray continuation, lead without enough continuation bytes, 0xF8-0xFF leads: each is one
+    // invalid byte, written in UTF-16 as U+FFFF.
+    wchar_t wide[16];
+    EXPECT_EQ(utf8_to_text(wide, 16,
+                           "\x80"
+                           "a\xE2\x82"
+                           "b\xF8\xFF\xC3"),
+              8u);
+    EXPECT_STREQ(wide, L"\uFFFFa\uFFFF\uFFFFb\uFFFF\uFFFF\uFFFF");
+    // Overlong forms and code points beyond U+10FFFF decode as they stand.
+    EXPECT_EQ(utf8_to_text(wide, 16, "\xC1\x81\xF7\xBF\xBF\xBF"), 2u);
+    EXPECT_STREQ(wide, L"A\uFFFF");
+    // Lone or reversed surrogates are the invalid value, the byte 0xFF in UTF-8.
+    char narrow[16];
+    const wchar_t reversed[] = {0xDC00, 0xD800, L'x', 0xD800, 0};
+    EXPECT_EQ(text_to_utf8(narrow, 16, reversed), 4u);
+    EXPECT_STREQ(narrow, "\xFF\xFFx\xFF");
+    EXPECT_EQ(utf8_encode(0x7FFFFFFE, narrow), 6u);
+    EXPECT_EQ(memcmp(narrow, "\xFD\xBF\xBF\xBF\xBF\xBE", 6), 0);
+
+    // Conversions stop at the length or the first zero and count what does not fit.
+    EXPECT_EQ(utf8_to_text(wide, 4, "ab\0cd", 5), 2u);
+    EXPECT_EQ(utf8_to_text(wide, 4, "\xE2\x82\xAC", 2), 2u); // a sequence cut by the length
+    EXPECT_EQ(utf8_to_text(wide, 4, "abcdef"), 6u);
+    EXPECT_STREQ(wide, L"abc");
+    EXPECT_EQ(utf8_to_text(nullptr, 0, "\xF0\x9F\x98\x80"), 2u);
+    EXPECT_EQ(text_to_utf8(nullptr, 0, L"\u20AC"), 3u);
+    EXPECT_EQ(utf8_to_text(wide, 4, nullptr), 0u);
+    EXPECT_STREQ(wide, L"");
+
+    // The allocating forms, past their stack buffer too.
+    std::string long_text = std::string(250, 'x') + "\xE2\x82\xAC";
+    wchar_t* w = utf8_to_text_alloc(long_text.c_str());
+    ASSERT_NE(w, nullptr);
+    EXPECT_EQ(std::wstring(250, L'x') + L"\u20AC", w);
+    char* back = text_to_utf8_alloc(w);
+    ASSERT_NE(back, nullptr);
+    EXPECT_EQ(long_text, back);
+    text_free(w);
+    text_free(back);
+    TextArena arena;
+    EXPECT_STREQ(utf8_to_text_arena(arena, "gr\xC3\xBC\xC3\x9F"), L"gr\u00FC\u00DF");
+    EXPECT_STREQ(text_to_utf8_arena(arena, L"\U0001F600", 2), "\xF0\x9F\x98\x80");
+    EXPECT_STREQ(text_to_utf8_arena(arena, nullptr), "");
+}
+
+TEST(ValueWords, ParsesWordsAndNumbers) {
+    // Words match by their first letters; the round trip below covers each style.
+    // clang-format off
+    const struct {
+        const wchar_t* text;
+        int64_t value;
+        uint32_t style;
+    } cases[] = {
+        {L" \tEnabled \r\n", 1, value_enabled_disabled}, {L"onward", 1, value_on_off},
+        {L"enable it", 1, value_enable_disable}, {L"trueness", 1, value_true_false},
+        {L"nope", 0, value_yes_no},     {L"o", 0, 0},                   {L"d", 0, value_e_d},
+        {L"", 0, 0},                    {L"  \v ", 0, 0},               {L"+42", 42, 0},
+        {L"\f1", 0, 0},                 // a form feed is not a blank
+        {L"0x1f", 31, value_hex},       {L"-12", -12, value_signed},
+        {L"-0X1F", -31, value_hex | value_signed},
+        {L"0x", 0, 0},                  // too short for hexadecimal: the decimal 0
+        {L"0xg1", 0, 0},                // no hexadecimal digit after the prefix
+        {L"12ab", 12, 0},               // digits stop at the first other character
+        {L"18446744073709551615", -1, 0}, {L"x1", 0, 0}};
+    // clang-format on
+    for (const auto& c : cases) {
+        uint32_t style = 0xDEAD;
+        EXPECT_EQ(value_parse(c.text, SIZE_MAX, &style), c.value)
+            << testing::PrintToString(std::wstring(c.text));
+        EXPECT_EQ(style, c.style) << testing::PrintToString(std::wstring(c.text));
+    }
+    EXPECT_EQ(value_parse(L"12345", 3, nullptr), 123);
+    EXPECT_EQ(value_parse(L"yesterday", 1, nullptr), 1); // "y" alone within the length
+    EXPECT_EQ(value_parse(nullptr, 10, nullptr), 0);
+}
+
+TEST(ValueWords, FormatsWordsAndNumbers) {
+    EXPECT_EQ(format(0, value_enabled_disabled), L"disabled");
+    EXPECT_EQ(format(5, value_enabled_disabled), L"5");
+    // Value 0 takes the first of no, n, false, f, off, disable, disabled, d; value 1 the first
+    // of y, true, t, on, enable, enabled, e, else yes.
+    EXPECT_EQ(format(0, value_y_n | value_yes_no), L"no");
+    EXPECT_EQ(format(1, value_y_n | value_yes_no), L"y");
+    EXPECT_EQ(format(1, value_yes_no | value_e_d), L"e");
+    EXPECT_EQ(format(-1, value_hex), L"0xffffffffffffffff");
+    EXPECT_EQ(format(-1, 0), L"18446744073709551615");
+    EXPECT_EQ(format(-42, value_signed, 5), L"-00042");
+    EXPECT_EQ(format(0, value_hex, 4), L"0x0000");
+    EXPECT_EQ(format(255, value_hex, 99), L"0x0000000000000000000000000ff"); // digits capped at 27
+    wchar_t small[4];
+    value_format(small, 4, 0, value_enabled_disabled, 0);
+    EXPECT_STREQ(small, L"dis");
+}
+
+TEST(ValueWords, EveryStyleRoundTrips) {
+    for (uint32_t style : {value_yes_no, value_true_false, value_on_off, value_y_n, value_t_f,
+                           value_enable_disable, value_enabled_disabled, value_e_d})
+        for (int64_t value : {0, 1}) {
+            uint32_t read = 0;
+            EXPECT_EQ(value_parse(format(value, style).c_str(), SIZE_MAX, &read), value) << style;
+            EXPECT_EQ(read, style) << style;
+        }
+    for (int64_t value : {int64_t(2), int64_t(12345), INT64_MAX, INT64_MIN, int64_t(-99999)})
+        for (uint32_t style : {0u, uint32_t(value_hex), uint32_t(value_signed)})
+            for (unsigned digits : {0u, 12u, 27u}) {
+                uint32_t read = 0;
+                std::wstring text = format(value, style, digits);
+                EXPECT_EQ(value_parse(text.c_str(), SIZE_MAX, &read), value)
+                    << testing::PrintToString(text);
+                EXPECT_EQ(read, style == value_signed && value >= 0 ? 0 : style)
+                    << testing::PrintToString(text);
+            }
 }
