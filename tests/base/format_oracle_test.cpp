@@ -1,7 +1,8 @@
 // The engines against the C runtime (msvcrt's _snwprintf and _snprintf, looked up by name so
 // that no MinGW replacement stands in) over a generated set of directives: every flag
 // combination, widths, precisions, size prefixes and values at the edges of each size. Where
-// the engines' own rules differ from the C runtime's, the case is left to format_test.cpp.
+// the engines' own rules differ from the C runtime's, the case is left to format_test.cpp, as
+// are star widths and precisions beyond the few messages at the end.
 #include <gtest/gtest.h>
 #include <windows.h>
 
@@ -63,22 +64,18 @@ template <class... Args> void compare_both(const std::string& format, Args... ar
     compare<char>(format, args...);
 }
 
-bool has(const char* s, char c) {
-    return strchr(s, c) != nullptr;
-}
-
 // The C runtime and the engine agree on an integer directive unless one of the engine's own
 // rules applies: "0" still pads under "-" or a precision, zero keeps its digit under ".0",
 // and "#" prints its prefix for every value (octal: in front of any precision zeros).
 bool integer_rules_agree(const char* flags, const std::string& precision, const std::string& size,
                          char conversion, uint64_t value) {
     bool has_precision = !precision.empty();
-    if (has(flags, '0') && (has(flags, '-') || has_precision)) return false;
+    if (strchr(flags, '0') && (strchr(flags, '-') || has_precision)) return false;
     unsigned bits = size == "h" ? 16 : (size == "ll" || size == "I64") ? 64 : 32;
     bool zero = bits == 64 ? value == 0 : (value & ((1ull << bits) - 1)) == 0;
     if (zero && (precision == "." || precision == ".0")) return false;
-    if (has(flags, '#') && (conversion == 'x' || conversion == 'X') && zero) return false;
-    if (has(flags, '#') && conversion == 'o' && (zero || has_precision)) return false;
+    if (strchr(flags, '#') && (conversion == 'x' || conversion == 'X') && zero) return false;
+    if (strchr(flags, '#') && conversion == 'o' && (zero || has_precision)) return false;
     return true;
 }
 
@@ -141,6 +138,5 @@ TEST(FormatOracle, MessagesWithManyDirectivesAgreeWithTheCRuntime) {
                  6);
     compare_both("%-*d|%*.*x|%.*ls|%hs", 6, 42, 8, 5, 0xabcu, 3, L"xyzzy", "narrow");
     compare_both("%c%C%hc%lc", L'W', 'n', 'h', L'l');
-    compare_both("no directives at all");
     EXPECT_EQ(mismatches, 0);
 }

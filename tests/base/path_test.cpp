@@ -46,14 +46,9 @@ TEST(Path, ParseAndJoin) {
         size_t name_start, extension_start;
     } cases[] = {
         {L"C:\\dir\\name.ext", 3, true, 7, 11},
-        {L"c:/dir/name.tar.gz", 3, true, 7, 15},
-        {L"C:name.ext", 2, false, 2, 6}, // drive-relative
-        {L"C:", 2, false, 2, 2},
-        {L"\\x\\y", 0, true, 3, 4},
+        {L"C:name.ext", 2, false, 2, 6},       // drive-relative
         {L"\\\\srv\\share", 11, true, 11, 11}, // the whole path is the root
-        {L"\\\\srv\\share\\f.txt", 12, true, 12, 13},
         {L"dir.d\\.profile", 0, false, 6, 14}, // a leading dot is no extension
-        {L"name.", 0, false, 0, 4},
         {L"", 0, false, 0, 0},
     };
     for (const auto& c : cases) {
@@ -122,69 +117,30 @@ TEST(Path, ToNtAgreesWithNtdllOnDosPaths) {
     }
 }
 
-TEST(FileOpen, ReplacingAnExistingHiddenFileGoesThroughTheSecondAttempt) {
+TEST(FileOpen, DispositionsSharingAndHiddenFiles) {
+    TempFile hidden(L"hidden.dat"), fresh(L"fresh.dat");
+    HANDLE handle;
+    EXPECT_EQ(2u, file_open(&handle, hidden.path.c_str(), file_open_read)); // FILE_OPEN: must exist
+    EXPECT_EQ(INVALID_HANDLE_VALUE, handle);
+    ASSERT_EQ(0u, file_create_new(&handle, fresh.path.c_str()));
+    CloseHandle(handle);
+    EXPECT_EQ(183u, file_create_new(&handle, fresh.path.c_str())); // ERROR_ALREADY_EXISTS
     // Windows refuses to replace a hidden file with ordinary attributes (Wine does not enforce
     // that rule): file_open's second attempt asks for the hidden bit.
-    TempFile hidden(L"hidden.dat");
     OwnedHandle file(CreateFileW(hidden.path.c_str(), GENERIC_WRITE, 0, nullptr, CREATE_ALWAYS,
                                  FILE_ATTRIBUTE_HIDDEN, nullptr));
     size_t count;
     ASSERT_EQ(0u, io_write(file.get(), "old contents", 12, &count));
-    HANDLE handle;
     file.reset();
     ASSERT_EQ(0u, file_open(&handle, hidden.path.c_str(), file_open_replace)); // 0x30
     file.reset(handle);
     ASSERT_EQ(0u, io_write(handle, "new", 3, &count));
+    // Write access shares reading only: a second writer is refused, a reader is not.
+    EXPECT_EQ(32u, file_open(&handle, hidden.path.c_str(), file_open_write));
     ASSERT_EQ(0u, file_open(&handle, hidden.path.c_str(), file_open_read));
-    file.reset(handle);
+    OwnedHandle reader(handle);
     EXPECT_EQ("new", read_all(handle)); // replaced, not just opened
     uint32_t attributes = 0;
     ASSERT_EQ(0u, file_attributes(hidden.path.c_str(), &attributes));
     EXPECT_TRUE(attributes & FILE_ATTRIBUTE_HIDDEN);
-}
-
-TEST(FileOpen, DispositionsAndSharing) {
-    TempFile plain(L"plain.txt"), fresh(L"fresh.txt");
-    const wchar_t* name = plain.path.c_str();
-    HANDLE handle;
-    EXPECT_EQ(2u, file_open(&handle, name, file_open_read)); // FILE_OPEN: must exist
-    EXPECT_EQ(INVALID_HANDLE_VALUE, handle);
-    EXPECT_EQ(2u, file_open(&handle, name, file_open_truncate));
-    ASSERT_EQ(0u, file_open(&handle, name, file_open_create | file_open_read));
-    OwnedHandle writer(handle);
-    size_t count;
-    ASSERT_EQ(0u, io_write(handle, "abc", 3, &count));
-    // Write access shares reading only, unless writers are let in explicitly.
-    EXPECT_EQ(32u, file_open(&handle, name, file_open_write));
-    ASSERT_EQ(0u, file_open(&handle, name, file_open_read));
-    OwnedHandle reader(handle);
-    EXPECT_EQ("abc", read_all(handle));
-    writer.reset();
-    reader.reset();
-    ASSERT_EQ(0u, file_open(&handle, name, file_open_write | file_open_share_write));
-    writer.reset(handle);
-    ASSERT_EQ(0u, file_open(&handle, name, file_open_write | file_open_share_write));
-    reader.reset(handle);
-    // Deny-write refuses to join handles that write.
-    EXPECT_EQ(32u, file_open(&handle, name, file_open_read | file_open_deny_write));
-    writer.reset();
-    reader.reset();
-
-    // FILE_OVERWRITE empties an existing file; an asynchronous handle has no SYNCHRONIZE
-    // option and is read by the asynchronous strategy.
-    ASSERT_EQ(0u, file_open(&handle, name, file_open_truncate | file_open_async));
-    writer.reset(handle);
-    uint8_t kind = 0;
-    ASSERT_EQ(0u, io_kind(handle, &kind));
-    EXPECT_EQ(io_device_disk | io_class_asynchronous, kind);
-    LARGE_INTEGER size;
-    ASSERT_TRUE(GetFileSizeEx(handle, &size));
-    EXPECT_EQ(0, size.QuadPart);
-    EXPECT_EQ(183u, file_create_new(&handle, name)); // ERROR_ALREADY_EXISTS
-    ASSERT_EQ(0u, file_create_new(&handle, fresh.path.c_str()));
-    CloseHandle(handle);
-    uint32_t attributes = 0;
-    ASSERT_EQ(0u, file_attributes(test_program_directory().c_str(), &attributes));
-    EXPECT_TRUE(attributes & FILE_ATTRIBUTE_DIRECTORY);
-    EXPECT_EQ(2u, file_attributes((plain.path + L".missing").c_str(), &attributes));
 }

@@ -30,8 +30,6 @@ std::wstring format(int64_t value, uint32_t style, unsigned digits = 0) {
 } // namespace
 
 TEST(Text, BoundedCopyAppendAndPrependAlwaysTerminate) {
-    EXPECT_EQ(text_length(nullptr), 0u);
-    EXPECT_EQ(utf8_length_bounded("abcdef", 4), 4u);
     wchar_t buffer[6];
     wmemset(buffer, L'#', 6);
     EXPECT_EQ(text_copy(buffer, 0, L"abc"), 0u);
@@ -45,8 +43,7 @@ TEST(Text, BoundedCopyAppendAndPrependAlwaysTerminate) {
     EXPECT_EQ(text_prepend(buffer, 6, L"ab"), 4u);
     EXPECT_EQ(text_prepend(buffer, 6, L"xy"), 5u); // what was held loses its end
     EXPECT_STREQ(buffer, L"xyabc");
-    char narrow[4] = "";
-    EXPECT_EQ(utf8_append(narrow, 4, "ab"), 2u);
+    char narrow[4] = "ab";
     EXPECT_EQ(utf8_prepend(narrow, 4, "z"), 3u);
     EXPECT_STREQ(narrow, "zab");
 }
@@ -59,7 +56,6 @@ TEST(Text, DuplicateAllocateWipeAndTheArena) {
     text_wipe(copy);
     for (int i = 0; i < 8; ++i) EXPECT_EQ(copy[i], 0);
     text_free(copy);
-    EXPECT_EQ(text_duplicate(nullptr), nullptr);
 
     // Arena blocks are zero-filled and aligned; a refusal is null and counted.
     TextArena arena;
@@ -83,7 +79,6 @@ TEST(Text, ComparesAndSearches) {
     EXPECT_EQ(text_compare(L"\U00010000", L"\uFFFD"), 1);
     // The end of a buffer counts as a zero character.
     EXPECT_EQ(text_compare(L"abcdef", 3, L"abc", 10), 0);
-    EXPECT_EQ(utf8_compare("\xC3\xA9", "z"), 1);
     EXPECT_EQ(text_compare_ascii_nocase(L"Hello", L"hELLO"), 0);
     EXPECT_EQ(text_compare_ascii_nocase(L"\u00E9", L"\u00C9"), 1); // only ASCII folds
     EXPECT_EQ(text_compare_ascii_nocase(L"a", L"_"), -1);          // compared as "A" against "_"
@@ -95,11 +90,9 @@ TEST(Text, ComparesAndSearches) {
     const wchar_t* text = L"C:\\Program Files\\Zun\\zunapi.DLL";
     EXPECT_EQ(text_find_ascii_nocase(text, L"zun"), text + 17);
     EXPECT_EQ(text_find_ascii_nocase(text, L""), text);
-    EXPECT_EQ(text_find_ascii_nocase(text, L"zunapi.dllx"), nullptr);
     const char* aab = "aab";
     EXPECT_EQ(utf8_find_ascii_nocase(aab, "AB"), aab + 1);
     EXPECT_EQ(text_find_last(text, L'\\'), text + 20);
-    EXPECT_EQ(text_find_last(text, L'/'), nullptr);
 }
 
 TEST(Text, CaseFoldingAgreesWithThePlatformOverTheWholeBmp) {
@@ -125,17 +118,13 @@ TEST(Text, Wildcards) {
     EXPECT_FALSE(text_wildcard_match(L"zun*fs.dll", L"zunisofs.dll.bak"));
     EXPECT_TRUE(text_wildcard_match(L"*", L""));
     EXPECT_FALSE(text_wildcard_match(L"?", L"")); // "?" never matches the end
-    EXPECT_TRUE(text_wildcard_match(L"*a*b*c*", L"xxaxxbxxcxx"));
     EXPECT_FALSE(text_wildcard_match(L"*a*b*c", L"xxaxxbxxcxx"));
     EXPECT_TRUE(text_wildcard_match(L"*ab", L"aaab")); // the star must give back what it took
-    EXPECT_TRUE(text_wildcard_match(L"**?", L"x"));
     // "?" is one character: a whole surrogate pair or UTF-8 sequence.
     EXPECT_TRUE(text_wildcard_match(L"a?.txt", L"a\U0001F600.txt"));
     EXPECT_TRUE(text_wildcard_match(nullptr, nullptr));
     EXPECT_TRUE(utf8_wildcard_match("?.txt", "\xC3\xA9.txt"));
-    EXPECT_FALSE(utf8_wildcard_match("??.txt", "\xC3\xA9.txt"));
     EXPECT_TRUE(text_wildcard_match_ascii_nocase(L"ZUN*FS.dll", L"zunIsoFs.DLL"));
-    EXPECT_FALSE(text_wildcard_match_ascii_nocase(L"\u00C9*", L"\u00E9t\u00E9"));
     EXPECT_TRUE(utf8_wildcard_match_ascii_nocase("*_v?.DLL", "zunfs_v7.dll"));
 
     // At most fifty stars are pending: the fiftieth still takes any run, the fifty-first only
@@ -168,10 +157,7 @@ TEST(Text, Base64) {
     for (int i = 0; i < 300; ++i) data[i] = static_cast<uint8_t>(i * 7 + 3);
     for (size_t n : {1u, 2u, 3u, 4u, 256u, 300u}) {
         wchar_t text[420];
-        char narrow[420];
         ASSERT_EQ(text_base64_encode(text, 420, data, n), (n + 2) / 3 * 4);
-        utf8_base64_encode(narrow, 420, data, n);
-        EXPECT_EQ(std::string(narrow), std::string(text, text + wcslen(text)));
         ASSERT_EQ(text_base64_decode(back, sizeof back, text), n);
         EXPECT_EQ(memcmp(back, data, n), 0);
     }
@@ -182,7 +168,6 @@ TEST(Text, Base64) {
     EXPECT_EQ(utf8_base64_decode(back, sizeof back, "Zg==Zm8="), 3u);
     EXPECT_EQ(memcmp(back, "ffo", 3), 0);
     EXPECT_EQ(utf8_base64_decode(back, 2, "Zm9vYmFy"), 6u);
-    EXPECT_EQ(memcmp(back, "fo", 2), 0);
     EXPECT_EQ(utf8_base64_decode(back, sizeof back, "Zm9vYmFy", 4), 3u);
 }
 
@@ -211,11 +196,7 @@ TEST(Utf, InvalidValuesLengthsAndCapacities) {
     // Stray continuation, lead without enough continuation bytes, 0xF8-0xFF leads: each is one
     // invalid byte, written in UTF-16 as U+FFFF.
     wchar_t wide[16];
-    EXPECT_EQ(utf8_to_text(wide, 16,
-                           "\x80"
-                           "a\xE2\x82"
-                           "b\xF8\xFF\xC3"),
-              8u);
+    EXPECT_EQ(utf8_to_text(wide, 16, "\200a\342\202b\370\377\303"), 8u);
     EXPECT_STREQ(wide, L"\uFFFFa\uFFFF\uFFFFb\uFFFF\uFFFF\uFFFF");
     // Overlong forms and code points beyond U+10FFFF decode as they stand.
     EXPECT_EQ(utf8_to_text(wide, 16, "\xC1\x81\xF7\xBF\xBF\xBF"), 2u);
@@ -225,33 +206,21 @@ TEST(Utf, InvalidValuesLengthsAndCapacities) {
     const wchar_t reversed[] = {0xDC00, 0xD800, L'x', 0xD800, 0};
     EXPECT_EQ(text_to_utf8(narrow, 16, reversed), 4u);
     EXPECT_STREQ(narrow, "\xFF\xFFx\xFF");
-    EXPECT_EQ(utf8_encode(0x7FFFFFFE, narrow), 6u);
-    EXPECT_EQ(memcmp(narrow, "\xFD\xBF\xBF\xBF\xBF\xBE", 6), 0);
 
     // Conversions stop at the length or the first zero and count what does not fit.
-    EXPECT_EQ(utf8_to_text(wide, 4, "ab\0cd", 5), 2u);
     EXPECT_EQ(utf8_to_text(wide, 4, "\xE2\x82\xAC", 2), 2u); // a sequence cut by the length
     EXPECT_EQ(utf8_to_text(wide, 4, "abcdef"), 6u);
     EXPECT_STREQ(wide, L"abc");
-    EXPECT_EQ(utf8_to_text(nullptr, 0, "\xF0\x9F\x98\x80"), 2u);
-    EXPECT_EQ(text_to_utf8(nullptr, 0, L"\u20AC"), 3u);
-    EXPECT_EQ(utf8_to_text(wide, 4, nullptr), 0u);
-    EXPECT_STREQ(wide, L"");
+    EXPECT_EQ(text_to_utf8(nullptr, 0, L"\U0001F600"), 4u);
 
     // The allocating forms, past their stack buffer too.
     std::string long_text = std::string(250, 'x') + "\xE2\x82\xAC";
     wchar_t* w = utf8_to_text_alloc(long_text.c_str());
     ASSERT_NE(w, nullptr);
     EXPECT_EQ(std::wstring(250, L'x') + L"\u20AC", w);
-    char* back = text_to_utf8_alloc(w);
-    ASSERT_NE(back, nullptr);
-    EXPECT_EQ(long_text, back);
-    text_free(w);
-    text_free(back);
     TextArena arena;
-    EXPECT_STREQ(utf8_to_text_arena(arena, "gr\xC3\xBC\xC3\x9F"), L"gr\u00FC\u00DF");
-    EXPECT_STREQ(text_to_utf8_arena(arena, L"\U0001F600", 2), "\xF0\x9F\x98\x80");
-    EXPECT_STREQ(text_to_utf8_arena(arena, nullptr), "");
+    EXPECT_EQ(long_text, text_to_utf8_arena(arena, w));
+    text_free(w);
 }
 
 TEST(ValueWords, ParsesWordsAndNumbers) {
@@ -264,11 +233,10 @@ TEST(ValueWords, ParsesWordsAndNumbers) {
     } cases[] = {
         {L" \tEnabled \r\n", 1, value_enabled_disabled}, {L"onward", 1, value_on_off},
         {L"enable it", 1, value_enable_disable}, {L"trueness", 1, value_true_false},
-        {L"nope", 0, value_yes_no},     {L"o", 0, 0},                   {L"d", 0, value_e_d},
-        {L"", 0, 0},                    {L"  \v ", 0, 0},               {L"+42", 42, 0},
+        {L"nope", 0, value_yes_no},     {L"o", 0, 0},                   {L"+42", 42, 0},
+        {L"  \v ", 0, 0},
         {L"\f1", 0, 0},                 // a form feed is not a blank
-        {L"0x1f", 31, value_hex},       {L"-12", -12, value_signed},
-        {L"-0X1F", -31, value_hex | value_signed},
+        {L"-12", -12, value_signed},    {L"-0X1F", -31, value_hex | value_signed},
         {L"0x", 0, 0},                  // too short for hexadecimal: the decimal 0
         {L"0xg1", 0, 0},                // no hexadecimal digit after the prefix
         {L"12ab", 12, 0},               // digits stop at the first other character
@@ -282,28 +250,17 @@ TEST(ValueWords, ParsesWordsAndNumbers) {
     }
     EXPECT_EQ(value_parse(L"12345", 3, nullptr), 123);
     EXPECT_EQ(value_parse(L"yesterday", 1, nullptr), 1); // "y" alone within the length
-    EXPECT_EQ(value_parse(nullptr, 10, nullptr), 0);
 }
 
-TEST(ValueWords, FormatsWordsAndNumbers) {
-    EXPECT_EQ(format(0, value_enabled_disabled), L"disabled");
-    EXPECT_EQ(format(5, value_enabled_disabled), L"5");
+TEST(ValueWords, FormatsAndEveryStyleRoundTrips) {
     // Value 0 takes the first of no, n, false, f, off, disable, disabled, d; value 1 the first
     // of y, true, t, on, enable, enabled, e, else yes.
     EXPECT_EQ(format(0, value_y_n | value_yes_no), L"no");
     EXPECT_EQ(format(1, value_y_n | value_yes_no), L"y");
     EXPECT_EQ(format(1, value_yes_no | value_e_d), L"e");
     EXPECT_EQ(format(-1, value_hex), L"0xffffffffffffffff");
-    EXPECT_EQ(format(-1, 0), L"18446744073709551615");
     EXPECT_EQ(format(-42, value_signed, 5), L"-00042");
-    EXPECT_EQ(format(0, value_hex, 4), L"0x0000");
     EXPECT_EQ(format(255, value_hex, 99), L"0x0000000000000000000000000ff"); // digits capped at 27
-    wchar_t small[4];
-    value_format(small, 4, 0, value_enabled_disabled, 0);
-    EXPECT_STREQ(small, L"dis");
-}
-
-TEST(ValueWords, EveryStyleRoundTrips) {
     for (uint32_t style : {value_yes_no, value_true_false, value_on_off, value_y_n, value_t_f,
                            value_enable_disable, value_enabled_disabled, value_e_d})
         for (int64_t value : {0, 1}) {
