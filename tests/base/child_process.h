@@ -1,59 +1,42 @@
-// Starting the test child program (io_child.exe, beside the test executable) with chosen
-// creation flags and standard handles, and waiting for it with a bound.
+// The test child program (io_child.exe, beside the test executable), and private pipes to talk
+// to it.
 #pragma once
 
 #include <string>
 
-#include <windows.h>
-
-#include "base/owned_handle.h"
-
-inline std::wstring test_program_directory() {
-    wchar_t path[MAX_PATH];
-    DWORD length = GetModuleFileNameW(nullptr, path, MAX_PATH);
-    std::wstring directory(path, length);
-    return directory.substr(0, directory.find_last_of(L'\\'));
-}
+#include "base/io.h"
+#include "base/pipe.h"
+#include "test_support.h"
 
 inline std::wstring io_child_path() {
     return test_program_directory() + L"\\io_child.exe";
 }
 
-struct StartedChild {
-    OwnedHandle process;
-    DWORD id = 0;
+inline StartedChild start_child(const std::wstring& arguments, DWORD flags,
+                                const HANDLE* handles = nullptr) {
+    return start_process(L"\"" + io_child_path() + L"\" " + arguments, flags, handles);
+}
 
-    // The exit code, or 0xDEAD after terminating a child that ran past `timeout_ms`.
-    DWORD wait(DWORD timeout_ms = 20000) {
-        if (WaitForSingleObject(process.get(), timeout_ms) != WAIT_OBJECT_0) {
-            TerminateProcess(process.get(), 0xDEAD);
-            WaitForSingleObject(process.get(), 5000);
-        }
-        DWORD code = 0;
-        GetExitCodeProcess(process.get(), &code);
-        return code;
+// A private pipe whose child end is inheritable; the parent keeps the other end.
+struct ChildPipe {
+    OwnedHandle parent_end;
+    HANDLE child_end = nullptr; // closed by the launch record it is handed to
+
+    explicit ChildPipe(bool child_writes) {
+        HANDLE server, client;
+        pipe_create(false, false, &server, &client);
+        parent_end.reset(child_writes ? server : client);
+        child_end = child_writes ? client : server;
+        SetHandleInformation(child_end, HANDLE_FLAG_INHERIT, HANDLE_FLAG_INHERIT);
     }
 };
 
-// `handles` null: the child gets no standard handles at all (STARTF_USESTDHANDLES with nulls).
-inline StartedChild start_child(const std::wstring& arguments, DWORD flags,
-                                const HANDLE* handles = nullptr) {
-    StartedChild child;
-    std::wstring command = L"\"" + io_child_path() + L"\" " + arguments;
-    STARTUPINFOW startup = {};
-    startup.cb = sizeof startup;
-    startup.dwFlags = STARTF_USESTDHANDLES;
-    if (handles) {
-        startup.hStdInput = handles[0];
-        startup.hStdOutput = handles[1];
-        startup.hStdError = handles[2];
-    }
-    PROCESS_INFORMATION info = {};
-    if (CreateProcessW(nullptr, command.data(), nullptr, nullptr, handles != nullptr, flags,
-                       nullptr, nullptr, &startup, &info)) {
-        CloseHandle(info.hThread);
-        child.process.reset(info.hProcess);
-        child.id = info.dwProcessId;
-    }
-    return child;
+// What arrives until the writer has gone (or nothing has come for 20 s).
+inline std::string read_all(HANDLE handle) {
+    std::string data;
+    char buffer[4096];
+    size_t count;
+    while (io_read_ex(handle, nullptr, nullptr, 20000, buffer, sizeof buffer, &count) == 0 && count)
+        data.append(buffer, count);
+    return data;
 }

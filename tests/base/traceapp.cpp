@@ -1,8 +1,7 @@
-// A trace library for the tests: appends "<channel>: <text>" for every print, and "closed" at
-// the end, to the file named by ZUN_TRACE_FILE.
-
+// A trace library for the tests: appends "<channel>: <text>" for every print, "released
+// <channel>" when a channel's last reference goes and "closed" at the end, to the file named by
+// ZUN_TRACE_FILE.
 #include <atomic>
-#include <cstdio>
 #include <string>
 
 #include <windows.h>
@@ -19,11 +18,9 @@ struct Channel {
 void append(const std::wstring& text) {
     wchar_t path[MAX_PATH];
     if (!GetEnvironmentVariableW(L"ZUN_TRACE_FILE", path, MAX_PATH)) return;
-    int length = WideCharToMultiByte(CP_UTF8, 0, text.data(), static_cast<int>(text.size()),
-                                     nullptr, 0, nullptr, nullptr);
-    std::string utf8(length, '\0');
-    WideCharToMultiByte(CP_UTF8, 0, text.data(), static_cast<int>(text.size()), utf8.data(), length,
-                        nullptr, nullptr);
+    std::string utf8(text.size() * 3, '\0');
+    utf8.resize(WideCharToMultiByte(CP_UTF8, 0, text.data(), static_cast<int>(text.size()),
+                                    utf8.data(), static_cast<int>(utf8.size()), nullptr, nullptr));
     HANDLE file =
         CreateFileW(path, FILE_APPEND_DATA, FILE_SHARE_READ, nullptr, OPEN_ALWAYS, 0, nullptr);
     DWORD written;
@@ -43,17 +40,14 @@ public:
     }
     void ReleaseChannel(TraceChannel channel) override {
         auto* c = static_cast<Channel*>(channel);
-        if (--c->references == 0) {
-            append(L"released " + c->name + L"\n");
-            delete c;
-        }
+        if (--c->references) return;
+        append(L"released " + c->name + L"\n");
+        delete c;
     }
-};
-
-TestTraceLibrary g_library;
+} library;
 
 } // namespace
 
 extern "C" __declspec(dllexport) TraceLibrary* traceexports1() {
-    return &g_library;
+    return &library;
 }
