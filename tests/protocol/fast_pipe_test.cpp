@@ -1,39 +1,22 @@
 // The fast pipe, with the test as the driver behind a simulated device: identification, the
 // handshake, data that stay where the device put them, replies built in the client's buffer or
 // spread over reads, the protocol errors that end serving, and the cancel.
-#include "fast_pipe_harness.h"
-#include "protocol/fast_pipe.h"
-#include "trace_capture.h"
+#include "serve_harness.h"
 
 using namespace zun;
 using namespace zun::test;
 
 namespace {
 
-std::vector<uint8_t> header_only(uint32_t size, uint32_t code) {
-    std::vector<uint8_t> m(size < 8 ? 8 : size);
-    memcpy(&m[0], &size, 4);
-    memcpy(&m[4], &code, 4);
-    return m;
-}
-
 std::vector<uint8_t> capacity_request(uint32_t id) {
     return REQUEST(encode_capacity(out, cap, id, nullptr));
 }
-
-uint32_t reply_error(const std::vector<uint8_t>& reply) {
-    client::Reply r{};
-    if (!client::decode_reply(reply.data(), reply.size(), &r)) return 0xFFFF;
-    return static_cast<uint32_t>(r.error);
+std::string capacity_reply(uint32_t id) { // id < 10
+    return hex_norm("18000000 0" + std::to_string(id) +
+                    "000080 0a000000 00000000 05000000 00000000");
 }
 
-struct CapacityFormatter : TestFormatter {
-    CapacityFormatter() {
-        capacity = [](CapacityRequest* r) { r->Complete(ProtocolError::Success, 10, 5); };
-    }
-};
-
-// A control request whose reply is 16 + output bytes.
+// A control request whose reply is 16 + output bytes of 0xAB.
 std::vector<uint8_t> control_request(uint32_t id, uint32_t output) {
     return REQUEST(encode_control(out, cap, id, ControlFields{1, 0, 5, 0, output, nullptr}));
 }
@@ -46,22 +29,9 @@ struct ControlFormatter : CapacityFormatter {
     }
 };
 
-// What one fast pipe serve may leave behind: once served, every transfer the server took is
-// completed exactly once; once the marshaller is gone, so are its contexts and its pipe.
-void expect_transfers_settled(SimulatedDevice& device) {
-    EXPECT_EQ(device.outstanding(), 0u);
-    EXPECT_EQ(device.bad_completions(), 0);
+ServeOptions fast_pipe(uintptr_t data_align = 1, bool status = false) {
+    return {.data_align = data_align, .status = status, .fast_pipe = true};
 }
-struct Leftovers {
-    long contexts = request_context_live_count();
-    long marshallers = MarshallerObject::live_count();
-    long pipes = FastPipe::live_count();
-    void expect_none() {
-        EXPECT_EQ(request_context_live_count(), contexts);
-        EXPECT_EQ(MarshallerObject::live_count(), marshallers);
-        EXPECT_EQ(FastPipe::live_count(), pipes);
-    }
-};
 
 } // namespace
 
@@ -72,27 +42,20 @@ TEST(FastPipe, OpensOnlyTheDriversPipe) {
         const char* name;
         uint32_t result;
     } cases[] = {
-        {1, 0, "KestiFastPipe", 0},
-        {1, 1, "KestiFastPipe", 0},
-        {3, 1, "KestiFastPipe", 0},
-        {0, 0, "KestiFastPipe", 1305},
-        {2, 2, "KestiFastPipe", 1305},
-        {1, 0, "KestiFastPipeX", 1305},
-        {1, 0, "KestiFastPip", 1305},
-        {1, 0, "kestifastpipe", 1305},
-        {1, 0, nullptr, ERROR_INVALID_FUNCTION},
+        {1, 0, "KestiFastPipe", 0},     {3, 1, "KestiFastPipe", 0},
+        {0, 0, "KestiFastPipe", 1305},  {2, 2, "KestiFastPipe", 1305},
+        {1, 0, "KestiFastPipeX", 1305}, {1, 0, "KestiFastPip", 1305},
+        {1, 0, "kestifastpipe", 1305},  {1, 0, nullptr, ERROR_INVALID_FUNCTION},
     };
     for (const auto& c : cases) {
-        device.set_identity(c.version, c.incompatible, c.name);
+        std::tie(device.identity_version, device.identity_incompatible, device.identity_name) =
+            std::tie(c.version, c.incompatible, c.name);
         FastPipe* pipe = FastPipe::create();
-        EXPECT_EQ(pipe->open(device.handle()), c.result)
-            << c.version << " " << c.incompatible << " " << (c.name ? c.name : "none");
-        EXPECT_EQ(device.open_duplicates(), c.result == 0 ? 1 : 0);
-        if (c.result == 0) {
-            EXPECT_EQ(pipe->open(device.handle()), 183u);
-        }
+        EXPECT_EQ(pipe->open(device.handle()), c.result) << c.version << " " << c.incompatible;
+        EXPECT_EQ(device.duplicates, c.result == 0 ? 1 : 0);
+        EXPECT_EQ(pipe->open(device.handle()), c.result ? c.result : 183u); // opened once
         pipe->release();
-        EXPECT_EQ(device.open_duplicates(), 0);
+        EXPECT_EQ(device.duplicates, 0);
     }
     FastPipe* pipe = FastPipe::create();
     EXPECT_EQ(pipe->open(nullptr), 183u);
@@ -103,199 +66,140 @@ TEST(FastPipe, OpensOnlyTheDriversPipe) {
 TEST(FastPipe, AnyOtherHandleIsServedAsAStream) {
     // A device that is no fast pipe: the serve reads it as a stream, which an event cannot be.
     CapacityFormatter formatter;
-    SimulatedDevice device;
-    device.set_identity(1, 0, "KestiOtherPipe");
-    ServeHarness serve(&formatter, {.device = &device});
+    ServeHarness serve(&formatter, {.status = true, .fast_pipe = true, .identity = "KestiOther"});
     EXPECT_NE(serve.wait_served(), 0u);
     EXPECT_NE(serve.status_with("handshake").find("during ready handshake with client"),
               std::string::npos);
     EXPECT_FALSE(serve.marshaller->fast_pipe());
-    EXPECT_EQ(device.cancels(), 0);
+    EXPECT_EQ(serve.device.cancels, 0);
 }
 
 TEST(FastPipe, HandshakeTakesOnlyTheReadyLine) {
     Leftovers leftovers;
     CapacityFormatter formatter;
-    {
-        FastPipeServe serve(&formatter, {.status = false});
-        ASSERT_EQ(serve.client->wait_ready(5000), 0u); // the server's line, on the write handle
-        SimulatedDevice& device = serve.device;
+    ServeHarness serve(&formatter, fast_pipe());
+    SimulatedDevice& device = serve.device;
+    ASSERT_EQ(serve.client->wait_ready(5000), 0u); // the server's line, on the write handle
 
-        // 24 bytes that are not the line, and a request: taken whole and dropped.
-        SimTransfer* almost = device.write(std::vector<uint8_t>(24, '+'));
-        SimTransfer* early = device.write(capacity_request(1), 3, 64);
-        ASSERT_TRUE(device.wait(almost) && device.wait(early));
-        EXPECT_EQ(almost->error, 0u);
-        EXPECT_EQ(almost->consumed, 24u);
-        EXPECT_EQ(early->consumed, 8u);
-        EXPECT_EQ(early->placed, 0u);
-        EXPECT_EQ(formatter.calls.load(), 0);
+    // 24 bytes that are not the line, and a request: taken whole and dropped.
+    SimTransfer* almost = serve.done(device.write(std::vector<uint8_t>(24, '+')));
+    SimTransfer* early = serve.done(device.write(capacity_request(1), 3, 64));
+    EXPECT_TRUE(almost->error == 0 && almost->consumed == 24);
+    EXPECT_TRUE(early->error == 0 && early->consumed == 8 && early->placed == 0);
+    EXPECT_EQ(formatter.calls.load(), 0);
 
-        // The line itself, even as the start of a longer write, opens the protocol.
-        std::vector<uint8_t> line(40, 0);
-        memcpy(line.data(), kClientReadyLine, kReadyLineLength);
-        SimTransfer* ready = device.write(line);
-        ASSERT_TRUE(device.wait(ready));
-        EXPECT_EQ(ready->consumed, 40u);
-        EXPECT_EQ(hex(serve.transact(capacity_request(2))),
-                  hex_norm("18000000 02000080 0a000000 00000000 05000000 00000000"));
-        EXPECT_TRUE(serve.marshaller->fast_pipe());
+    // The line itself, even as the start of a longer write, opens the protocol.
+    std::vector<uint8_t> line(40, 0);
+    memcpy(line.data(), kClientReadyLine, kReadyLineLength);
+    EXPECT_EQ(serve.done(device.write(line))->consumed, 40u);
+    EXPECT_EQ(hex(serve.transact(capacity_request(2))), capacity_reply(2));
+    EXPECT_TRUE(serve.marshaller->fast_pipe());
+    // Any client gets the version word, which a stream client of version 4 would not.
+    EXPECT_EQ(hex(serve.transact(REQUEST(encode_version(out, cap, 3, 4)), 64)).substr(88, 8),
+              "00000001");
 
-        serve.transact(REQUEST(encode_disconnect(out, cap, 3)));
-        EXPECT_EQ(serve.wait_served(), 0u);
-        EXPECT_EQ(device.cancels(), 1);
-        expect_transfers_settled(device);
-    }
-    leftovers.expect_none();
+    serve.transact(REQUEST(encode_disconnect(out, cap, 4)));
+    EXPECT_EQ(serve.wait_served(), 0u);
+    EXPECT_EQ(device.cancels, 1);
 }
 
-TEST(FastPipe, WriteDataStayWhereTheDevicePutThem) {
+TEST(FastPipe, DataStayInTheDevicesBuffers) {
     Leftovers leftovers;
     TestFormatter formatter;
-    const uint8_t* handed = nullptr;
+    const uint8_t* written = nullptr;
+    void* read = nullptr;
     formatter.write = [&](WriteRequest* r) {
-        handed = static_cast<const uint8_t*>(r->Data());
+        written = static_cast<const uint8_t*>(r->Data());
         r->Complete(ProtocolError::Success, r->RequestedSize());
     };
-    {
-        FastPipeServe serve(&formatter, {.data_align = 4096, .status = false});
-        ASSERT_TRUE(serve.connect());
-        // The client chose padding 8: the data follow at 40, whatever the data align.
-        std::vector<uint8_t> data(300, 0x5A);
-        SimTransfer* t = serve.device.write(
-            REQUEST(encode_write(out, cap, 4, WriteFields{1, 0x1003, 300, 8, data.data()})), 3, 16);
-        ASSERT_TRUE(serve.device.wait(t));
-        EXPECT_EQ(handed, t->data_given + 40);
-        EXPECT_EQ(t->consumed, t->data.size());
-        EXPECT_EQ(hex(t->result()), hex_norm("10000000 04000080 2c010000 00000000"));
-        // The first call learns the size, the second brings the bytes.
-        EXPECT_EQ(t->receive_calls, 2u);
-
-        // A write whose reply has no room in the client's buffer is refused.
-        t = serve.device.write(
-            REQUEST(encode_write(out, cap, 5, WriteFields{1, 0, 300, 0, data.data()})), 3, 8);
-        ASSERT_TRUE(serve.device.wait(t));
-        EXPECT_EQ(hex(t->result()), "0800000005004080");
-
-        // A read carries no data: one receive call. (Transfers are received in order: once the
-        // disconnect is answered, the read has been received.)
-        SimTransfer* read = serve.device.read(64);
-        serve.transact(REQUEST(encode_disconnect(out, cap, 6)));
-        EXPECT_EQ(read->receive_calls, 1u);
-        EXPECT_EQ(serve.wait_served(), 0u);
-        // The read still waiting when serving ended is let go.
-        ASSERT_TRUE(serve.device.wait(read));
-        EXPECT_EQ(read->error, 109u);
-        EXPECT_EQ(read->placed, 0u);
-        expect_transfers_settled(serve.device);
-    }
-    leftovers.expect_none();
-}
-
-TEST(FastPipe, DirectReadRepliesAreBuiltInTheClientsBuffer) {
-    TestFormatter formatter;
-    void* data_at = nullptr;
     formatter.read = [&](ReadRequest* r) {
-        data_at = r->Data();
+        read = r->Data();
         memset(r->Data(), 0x11, r->RequestedSize());
         r->Complete(ProtocolError::Success, 5);
     };
-    FastPipeServe serve(&formatter, {.data_align = 4096});
-    ASSERT_TRUE(serve.connect());
+    ServeHarness serve(&formatter, fast_pipe(4096));
     SimulatedDevice& device = serve.device;
+    ASSERT_TRUE(serve.connect());
 
-    // The client's padding puts the data 3 bytes past an aligned block in its buffer.
-    SimTransfer* t =
-        device.write(REQUEST(encode_read(out, cap, 7, ReadFields{1, 0x1003, 0x200, 0})), 3, 0x2000);
-    ASSERT_TRUE(device.wait(t));
-    EXPECT_EQ(data_at, t->output.data() + 16);
-    // Only the length is rounded up: the bytes behind the data are the formatter's.
+    // Write data are handed over where the device put them: with padding 8, at 40, whatever
+    // the data align. The first receive call learns the size, the second brings the bytes.
+    std::vector<uint8_t> data(300, 0x5A);
+    SimTransfer* t = serve.done(device.write(
+        REQUEST(encode_write(out, cap, 4, WriteFields{1, 0x1003, 300, 8, data.data()})), 3, 16));
+    EXPECT_EQ(written, t->data_given + 40);
+    EXPECT_EQ(t->consumed, t->data.size());
+    EXPECT_EQ(t->receive_calls, 2u);
+    EXPECT_EQ(hex(t->result()), hex_norm("10000000 04000080 2c010000 00000000"));
+    // A write whose reply has no room in the client's buffer is refused.
+    EXPECT_EQ(hex(serve.transact(
+                  REQUEST(encode_write(out, cap, 5, WriteFields{1, 0, 300, 0, data.data()})), 8)),
+              "0800000005004080");
+
+    // A direct read is built in the client's buffer, its data where the client's padding puts
+    // them; only the length is rounded up, the bytes behind the data are the formatter's.
+    t = serve.done(device.write(REQUEST(encode_read(out, cap, 7, ReadFields{1, 0x1003, 0x200, 0})),
+                                3, 0x2000));
+    EXPECT_EQ(read, t->output.data() + 16);
     EXPECT_EQ(t->placed, 24u);
     EXPECT_EQ(hex(t->result()), hex_norm("18000000 07000080 05000000 00000000 1111111111 111111"));
-
     // The block holding the first byte would start before the buffer; or the buffer cannot hold
     // the data up to the end of their last block.
-    t = device.write(REQUEST(encode_read(out, cap, 8, ReadFields{1, 0x1100, 0x10, 0})), 3, 0x1000);
-    ASSERT_TRUE(device.wait(t));
-    EXPECT_EQ(hex(t->result()), "0800000008004080");
-    t = device.write(REQUEST(encode_read(out, cap, 9, ReadFields{1, 0x1000, 0x200, 0})), 3,
-                     16 + 0x1FF);
-    ASSERT_TRUE(device.wait(t));
-    EXPECT_EQ(hex(t->result()), "0800000009004080");
-    std::string status = serve.status_with("max output size");
-    EXPECT_NE(status.find("WARNING: Invalid direct read alignment padding.\n"), std::string::npos);
-    EXPECT_NE(status.find("WARNING: Invalid direct read max output size.\n"), std::string::npos);
+    EXPECT_EQ(hex(serve.transact(REQUEST(encode_read(out, cap, 8, ReadFields{1, 0x1100, 16, 0})),
+                                 0x1000)),
+              "0800000008004080");
+    EXPECT_EQ(hex(serve.transact(REQUEST(encode_read(out, cap, 9, ReadFields{1, 0x1000, 0x200, 0})),
+                                 0x20F)),
+              "0800000009004080");
 }
 
 TEST(FastPipe, RepliesOfWritesTravelInReads) {
     Leftovers leftovers;
     ControlFormatter formatter;
-    {
-        FastPipeServe serve(&formatter, {.status = false});
-        SimulatedDevice& device = serve.device;
-        ASSERT_TRUE(serve.connect());
+    ServeHarness serve(&formatter, fast_pipe());
+    SimulatedDevice& device = serve.device;
+    ASSERT_TRUE(serve.connect());
 
-        // A write is let go at once; its reply of 104 bytes goes out 64 bytes at a time.
-        SimTransfer* w = device.write(control_request(1, 88));
-        ASSERT_TRUE(device.wait(w));
-        EXPECT_EQ(w->consumed, 32u);
-        EXPECT_EQ(w->placed, 0u);
-        SimTransfer* r1 = device.read(64);
-        ASSERT_TRUE(device.wait(r1));
-        SimTransfer* r2 = device.read(64);
-        ASSERT_TRUE(device.wait(r2));
-        EXPECT_EQ(r1->placed, 64u);
-        EXPECT_EQ(r2->placed, 40u);
-        EXPECT_EQ(r1->consumed + r2->consumed, 0u);
-        std::vector<uint8_t> reply = r1->result();
-        std::vector<uint8_t> rest = r2->result();
-        reply.insert(reply.end(), rest.begin(), rest.end());
-        EXPECT_EQ(hex(reply.data(), 16), hex_norm("68000000 01000080 58000000 00000000"));
-        EXPECT_EQ(reply.back(), 0xAB);
+    // A write is let go at once; its reply of 104 bytes goes out 64 bytes at a time.
+    SimTransfer* w = serve.done(device.write(control_request(1, 88)));
+    EXPECT_EQ(w->consumed, 32u);
+    EXPECT_EQ(w->placed, 0u);
+    SimTransfer* r1 = serve.done(device.read(64));
+    SimTransfer* r2 = serve.done(device.read(64));
+    EXPECT_EQ(r1->placed, 64u);
+    EXPECT_EQ(r2->placed, 40u);
+    EXPECT_EQ(r1->consumed + r2->consumed, 0u);
+    EXPECT_EQ(hex(r1->result()).substr(0, 32), hex_norm("68000000 01000080 58000000 00000000"));
+    EXPECT_EQ(r2->result().back(), 0xAB);
 
-        // A read waits for its reply; one read never carries parts of two replies.
-        SimTransfer* waiting = device.read(256);
-        device.write(capacity_request(2));
-        device.write(capacity_request(3));
-        ASSERT_TRUE(device.wait(waiting));
-        EXPECT_EQ(reply_error(waiting->result()), 0u);
-        EXPECT_EQ(waiting->placed, 24u);
-        SimTransfer* next = device.read(256);
-        ASSERT_TRUE(device.wait(next));
-        EXPECT_EQ(hex(next->result()),
-                  hex_norm("18000000 03000080 0a000000 00000000 05000000 00000000"));
+    // A read waits for its reply; one read never carries parts of two replies.
+    SimTransfer* waiting = device.read(256);
+    device.write(capacity_request(2));
+    device.write(capacity_request(3));
+    ASSERT_TRUE(device.wait(waiting));
+    EXPECT_EQ(hex(waiting->result()), capacity_reply(2));
+    SimTransfer* next = serve.done(device.read(256));
+    EXPECT_EQ(hex(next->result()), capacity_reply(3));
 
-        // Request id 0: nothing to read back; a direct one places nothing.
-        device.write(capacity_request(0));
-        SimTransfer* silent = device.write(capacity_request(0), 3, 64);
-        ASSERT_TRUE(device.wait(silent));
-        EXPECT_EQ(silent->placed, 0u);
-        EXPECT_EQ(silent->consumed, 8u);
-        EXPECT_EQ(formatter.calls.load(), 5);
-
-        // Serving ends with the disconnect: its reply goes to a read already waiting.
-        SimTransfer* last = device.read(64);
-        device.write(REQUEST(encode_disconnect(out, cap, 4)));
-        ASSERT_TRUE(device.wait(last));
-        EXPECT_EQ(hex(last->result()), "0800000004001080");
-        EXPECT_EQ(serve.wait_served(), 0u);
-        EXPECT_EQ(device.cancels(), 1);
-        expect_transfers_settled(device);
-    }
-    leftovers.expect_none();
+    // Serving ends with the disconnect: its reply goes to a read already waiting.
+    SimTransfer* last = device.read(64);
+    device.write(REQUEST(encode_disconnect(out, cap, 4)));
+    ASSERT_TRUE(device.wait(last));
+    EXPECT_EQ(hex(last->result()), "0800000004001080");
+    EXPECT_EQ(serve.wait_served(), 0u);
+    EXPECT_EQ(device.cancels, 1);
 }
 
 TEST(FastPipe, ProtocolErrorsEndServing) {
     const std::vector<uint8_t> capacity = capacity_request(1);
-    std::vector<uint8_t> oversized = capacity;
+    std::vector<uint8_t> oversized = capacity, reply_bit = capacity;
     oversized[0] = 16; // says 16 bytes, carries 8
-    std::vector<uint8_t> reply_bit = capacity;
     reply_bit[7] |= 0x80;
     const struct {
         std::vector<uint8_t> data;
         uint64_t type;
         size_t output;
         const char* message;
+        uint64_t consumed = 0;
     } cases[] = {
         {std::vector<uint8_t>(4, 0), 2, 0, "write too small"},
         {header_only(4, request_code_word(1, 15)), 3, 64, "invalid fastpipe msg header"},
@@ -304,80 +208,36 @@ TEST(FastPipe, ProtocolErrorsEndServing) {
         {capacity, 3, 7, "invalid fastpipe direct result size"},
         {capacity, 4, 64, "unsupported fastpipe op type"},
         {capacity, 0, 64, "unsupported fastpipe op type"},
+        // A second read while one is pending.
+        {{}, 1, 64, "concurrent result reads"},
+        // 16 + 64 bytes of reply for a buffer of 64: nothing placed.
+        {control_request(1, 64), 3, 64, "direct I/O output buffer too small", 32},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.message);
         Leftovers leftovers;
-        CapacityFormatter formatter;
-        {
-            TraceCapture trace(L"fp");
-            FastPipeServe serve(&formatter, {.status = true});
-            serve.marshaller->SetTraceChannel(trace.channel);
-            trace_channel_release(trace.channel);
-            ASSERT_TRUE(serve.connect());
-            SimTransfer* bad = serve.device.write(c.data, c.type, c.output);
-            ASSERT_TRUE(serve.device.wait(bad));
-            EXPECT_EQ(bad->error, 11u);
-            EXPECT_EQ(bad->consumed, 0u);
-            EXPECT_EQ(serve.wait_served(), 11u);
-            std::string line =
-                std::string("fp: ERROR: Protocol stream error, ") + c.message + ".\n";
-            EXPECT_NE(trace.text().find(line), std::string::npos) << trace.text();
-            // The fast pipe's own errors go to the trace channel alone.
-            EXPECT_EQ(serve.status().find("ERROR"), std::string::npos);
-            EXPECT_EQ(serve.device.cancels(), 1);
-            expect_transfers_settled(serve.device);
-        }
-        leftovers.expect_none();
-    }
-}
-
-TEST(FastPipe, ConcurrentReadsAndOversizedDirectRepliesBreakTheProtocol) {
-    Leftovers leftovers;
-    ControlFormatter formatter;
-    TraceCapture trace(L"fp2");
-    {
-        FastPipeServe serve(&formatter, {.status = false});
+        ControlFormatter formatter;
+        TraceCapture trace(L"fp");
+        ServeHarness serve(&formatter, fast_pipe(1, true));
         serve.marshaller->SetTraceChannel(trace.channel);
         trace_channel_release(trace.channel);
-        SimulatedDevice& device = serve.device;
         ASSERT_TRUE(serve.connect());
-        SimTransfer* first = device.read(64);
-        SimTransfer* second = device.read(64);
-        ASSERT_TRUE(device.wait(second));
-        EXPECT_EQ(second->error, 11u);
+        SimTransfer* first = c.type == 1 ? serve.device.read(64) : nullptr;
+        SimTransfer* bad = serve.done(serve.device.write(c.data, c.type, c.output));
+        EXPECT_EQ(bad->error, 11u);
+        EXPECT_EQ(bad->consumed, c.consumed);
+        EXPECT_EQ(bad->placed, 0u);
+        // Serving ends; a transfer after the bad one is never received, a pending read is let go.
+        SimTransfer* after = serve.device.write(capacity_request(2), 3, 64);
         EXPECT_EQ(serve.wait_served(), 11u);
-        // The read that was pending is let go when serving ends.
-        ASSERT_TRUE(device.wait(first));
-        EXPECT_EQ(first->error, 109u);
-        EXPECT_NE(
-            trace.text().find("fp2: ERROR: Protocol stream error, concurrent result reads.\n"),
-            std::string::npos);
-        expect_transfers_settled(device);
+        EXPECT_FALSE(after->completed());
+        EXPECT_TRUE(!first || (serve.device.wait(first) && first->error == 109));
+        std::string line = std::string("fp: ERROR: Protocol stream error, ") + c.message + ".\n";
+        EXPECT_NE(trace.text().find(line), std::string::npos) << trace.text();
+        // The fast pipe's own errors go to the trace channel alone.
+        EXPECT_EQ(serve.status().find("ERROR"), std::string::npos);
+        EXPECT_EQ(serve.device.cancels, 1);
     }
-    TraceCapture trace3(L"fp3");
-    {
-        FastPipeServe serve(&formatter, {.status = false});
-        serve.marshaller->SetTraceChannel(trace3.channel);
-        trace_channel_release(trace3.channel);
-        SimulatedDevice& device = serve.device;
-        ASSERT_TRUE(serve.connect());
-        // 16 + 64 bytes of reply for a buffer of 64: nothing placed, serving ends with the next
-        // transfer.
-        SimTransfer* t = device.write(control_request(1, 64), 3, 64);
-        ASSERT_TRUE(device.wait(t));
-        EXPECT_EQ(t->error, 11u);
-        EXPECT_EQ(t->placed, 0u);
-        EXPECT_EQ(t->consumed, 32u);
-        SimTransfer* after = device.write(capacity_request(2), 3, 64);
-        EXPECT_EQ(serve.wait_served(), 11u);
-        EXPECT_FALSE(after->completed()); // never received
-        EXPECT_NE(trace3.text().find("fp3: ERROR: Protocol stream error, direct I/O output buffer "
-                                     "too small.\n"),
-                  std::string::npos);
-        expect_transfers_settled(device);
-    }
-    leftovers.expect_none();
 }
 
 TEST(FastPipe, CancelIsIssuedOncePerServe) {
@@ -385,21 +245,20 @@ TEST(FastPipe, CancelIsIssuedOncePerServe) {
     CapacityFormatter formatter;
     {
         // ServeCancel while the loop waits for a transfer.
-        TraceCapture trace(L"fp4");
-        FastPipeServe serve(&formatter);
+        TraceCapture trace(L"fpc");
+        ServeHarness serve(&formatter, fast_pipe(1, true));
         serve.marshaller->SetTraceChannel(trace.channel);
         trace_channel_release(trace.channel);
         ASSERT_TRUE(serve.connect());
         std::thread([&] { serve.marshaller->ServeCancel(); }).join();
         EXPECT_EQ(serve.wait_served(), kDeviceClosedError);
-        EXPECT_EQ(serve.device.cancels(), 1);
-        EXPECT_NE(trace.text().find("fp4: ERROR: 109 Fast pipe receive error.\n"),
+        EXPECT_EQ(serve.device.cancels, 1);
+        EXPECT_NE(trace.text().find("fpc: ERROR: 109 Fast pipe receive error.\n"),
                   std::string::npos);
         EXPECT_EQ(serve.status_with("ServeCancel"), "NOTE: ServeCancel called.\n");
         // A marshaller that has served a fast pipe serves no more.
         ServeParams params{8, &formatter, 0, "x", 1, 0, serve.device.handle(), nullptr};
         EXPECT_EQ(serve.marshaller->Serve(&params), 303u);
-        serve.marshaller->SetTraceChannel(nullptr);
     }
     {
         // Cancelled before serving started: the device is cancelled at once.
@@ -408,32 +267,18 @@ TEST(FastPipe, CancelIsIssuedOncePerServe) {
         m->ServeCancel();
         ServeParams params{8, &formatter, 0, "x", 1, 0, device.handle(), nullptr};
         EXPECT_EQ(m->Serve(&params), kDeviceClosedError);
-        EXPECT_EQ(device.cancels(), 1);
+        EXPECT_EQ(device.cancels, 1);
         m->Release();
-        EXPECT_EQ(device.open_duplicates(), 0);
+        EXPECT_EQ(device.duplicates, 0);
     }
-    {
-        // Interrupted receives are made again; any other failure ends serving with its error.
-        FastPipeServe serve(&formatter, {.status = false});
-        ASSERT_TRUE(serve.connect());
-        serve.device.fail_receives(ERROR_OPERATION_ABORTED, 3);
-        EXPECT_EQ(reply_error(serve.transact(capacity_request(1))), 0u);
-        serve.device.fail_receives(ERROR_CANCELLED, 1);
-        EXPECT_EQ(reply_error(serve.transact(capacity_request(2))), 0u);
-        serve.device.fail_receives(ERROR_ACCESS_DENIED, 1);
-        EXPECT_EQ(serve.wait_served(), uint32_t{ERROR_ACCESS_DENIED});
-        EXPECT_EQ(serve.device.cancels(), 1);
-    }
-    leftovers.expect_none();
-}
-
-TEST(FastPipe, VersionReplyCarriesTheServeWord) {
-    CapacityFormatter formatter;
-    FastPipeServe serve(&formatter, {.status = false});
+    // Interrupted receives are made again; any other failure ends serving with its error.
+    ServeHarness serve(&formatter, fast_pipe());
     ASSERT_TRUE(serve.connect());
-    // A client of version 4 on a stream would not get the word at 44.
-    std::vector<uint8_t> reply = serve.transact(REQUEST(encode_version(out, cap, 1, 4)), 64);
-    client::VersionReply v{};
-    ASSERT_TRUE(client::decode_version_reply(reply.data(), reply.size(), &v));
-    EXPECT_EQ(v.version_word, 0x1000000u);
+    serve.device.fail_receives(ERROR_OPERATION_ABORTED, 3);
+    EXPECT_EQ(hex(serve.transact(capacity_request(1))), capacity_reply(1));
+    serve.device.fail_receives(ERROR_CANCELLED, 1);
+    EXPECT_EQ(hex(serve.transact(capacity_request(2))), capacity_reply(2));
+    serve.device.fail_receives(ERROR_ACCESS_DENIED, 1);
+    EXPECT_EQ(serve.wait_served(), uint32_t{ERROR_ACCESS_DENIED});
+    EXPECT_EQ(serve.device.cancels, 1);
 }

@@ -7,12 +7,9 @@
 using namespace zun::test;
 
 TEST(ProtocolFuzz, BoundedRun) {
-    FuzzOptions options;
-    options.seed = 0x5EED;
-    options.messages = 100000;
-    FuzzReport report = fuzz_protocol(options);
+    FuzzReport report = fuzz_protocol({.seed = 0x5EED, .messages = 100000});
     printf("[          ] %s\n", fuzz_summary(report).c_str());
-    EXPECT_GE(report.messages, options.messages);
+    EXPECT_GE(report.messages, 100000u);
     // Every kind of ending and of invalid request has come up.
     EXPECT_GT(report.stream_messages, 0u);
     EXPECT_GT(report.fast_pipe_messages, 0u);

@@ -1,20 +1,9 @@
 // The protocol fuzzer: seeded sessions of valid, invalid, mutated and garbage messages sent to a
-// serving marshaller through both transports.
-//
-// Each session serves a formatter that accepts everything (completing most requests at once and
-// some later, on another thread) through a marshaller of a random version, on a byte stream or
-// on the simulated fast pipe, and checks what a driver may rely on:
-// - every well-framed request with a request id gets exactly one reply with that id, and no
-//   request with id 0 gets one;
-// - a request that is invalid by construction (shorter than its minimum, an unknown operation,
-//   read, write or control sizes out of bounds, a direct read the client's buffer cannot take)
-//   is answered with code 4; a valid one with code 0; a mutated one with 0 or 4;
-// - a framing error (a stream header with a bad size or the reply bit, a fast pipe transfer
-//   that breaks the protocol) ends serving with 11, and nothing after it is answered;
-// - garbage ends serving with 0, 11 or 109 once the client hangs up;
-// - serving never hangs (every wait is bounded) and leaves nothing behind: request contexts,
-//   writer threads, marshallers, fast pipe objects, transfers not completed exactly once.
-// A failure ends the process after printing what failed and the seed that reproduces it.
+// serving marshaller, on a byte stream or on the simulated fast pipe. It checks that every
+// request with an id gets exactly one reply (none for id 0), that requests invalid by
+// construction get code 4, that a framing error ends serving with 11 and nothing after it is
+// answered, that serving never hangs, and that nothing is left behind. A failure prints what
+// failed with the seed that reproduces it and ends the process.
 #pragma once
 
 #include <cstdint>
@@ -29,20 +18,15 @@ struct FuzzOptions {
 };
 
 struct FuzzReport {
-    uint64_t messages = 0;
-    uint64_t stream_messages = 0;
-    uint64_t fast_pipe_messages = 0;
-    uint64_t sessions = 0;
+    uint64_t messages = 0, stream_messages = 0, fast_pipe_messages = 0, sessions = 0;
     uint64_t replies = 0;
     uint64_t invalid_answered = 0; // invalid by construction, answered with 4
     uint64_t framing_errors = 0;   // sessions ended with 11 by a framing error
     uint64_t garbage_sessions = 0;
 };
 
-// Runs sessions until `messages` have been sent. Returns only when every check passed.
+// Runs sessions until `messages` have been sent; returns only when every check passed.
 FuzzReport fuzz_protocol(const FuzzOptions& options);
-
-// One line summing up a report.
 std::string fuzz_summary(const FuzzReport& report);
 
 } // namespace zun::test

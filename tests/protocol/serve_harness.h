@@ -1,12 +1,14 @@
-// A marshaller serving on a thread of its own over two private pipes, with the test as the
-// client; and a formatter whose operations are set per test.
+// What the protocol tests share: a marshaller serving on a thread of its own with the test as
+// the client, over two private pipes or over a simulated fast pipe device with the test as the
+// driver; a formatter whose operations are set per test; hex dumps of messages; the leak count;
+// the capture of a trace channel.
 #pragma once
 
 #include <gtest/gtest.h>
 
-#include <chrono>
+#include <filesystem>
+#include <fstream>
 #include <functional>
-#include <mutex>
 #include <string>
 #include <thread>
 #include <vector>
@@ -14,87 +16,127 @@
 #include <windows.h>
 
 #include "base/pipe.h"
-#include "hex.h"
+#include "base/trace_hook.h"
+#include "protocol/fast_pipe.h"
 #include "protocol/marshaller_object.h"
 #include "protocol/protocol_client.h"
 #include "protocol/request_context.h"
 #include "protocol/stream_client.h"
 #include "protocol/stream_transport.h"
+#include "protocol/wire.h"
 #include "simulated_device.h"
+
+// Messages as hex text ("30000000..."), so that expected encodings read like a dump and a
+// mismatch shows where. Expected texts group bytes freely: hex_norm drops the spaces.
+inline std::string hex(const void* data, size_t size) {
+    static const char digits[] = "0123456789abcdef";
+    std::string s;
+    for (auto* p = static_cast<const uint8_t*>(data); size--; ++p)
+        s += {digits[*p >> 4], digits[*p & 15]};
+    return s;
+}
+inline std::string hex(const std::vector<uint8_t>& v) {
+    return hex(v.data(), v.size());
+}
+inline std::string hex_norm(std::string text) {
+    std::erase(text, ' ');
+    return text;
+}
+
+// Runs an encoder twice, sizing first, as callers do.
+template <class Encode> std::vector<uint8_t> encoded(Encode encode) {
+    std::vector<uint8_t> out(encode(nullptr, 0));
+    out.resize(encode(out.data(), out.size()));
+    return out;
+}
 
 namespace zun::test {
 
 // Waits until `condition()` holds or `timeout_ms` has passed; returns the last value.
 template <class Condition> bool wait_until(Condition condition, int timeout_ms = 10000) {
-    auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeout_ms);
-    while (!condition()) {
-        if (std::chrono::steady_clock::now() > deadline) return condition();
-        std::this_thread::sleep_for(std::chrono::milliseconds(1));
-    }
+    for (ULONGLONG end = GetTickCount64() + timeout_ms; !condition(); Sleep(1))
+        if (GetTickCount64() > end) return condition();
     return true;
 }
 
-// A pipe with a buffer, so that a write does not wait for its reader. (Under Wine a pipe made
-// without one hands every write over to a read.)
-inline void buffered_pipe(HANDLE* read, HANDLE* write) {
-    ASSERT_TRUE(CreatePipe(read, write, nullptr, 1 << 16));
+// A message of `size` bytes (at least the header) with this code word, zero behind it.
+inline std::vector<uint8_t> header_only(uint32_t size, uint32_t code) {
+    std::vector<uint8_t> m(size < 8 ? 8 : size);
+    memcpy(&m[0], &size, 4);
+    memcpy(&m[4], &code, 4);
+    return m;
 }
 
-// Each operation runs the function set for it; an operation without one fails the test and
-// completes with NotImplemented.
-struct TestFormatter : FormatterRequestHandler {
-    std::function<void(OpenRequest*)> open;
-    std::function<void(ReplaceRequest*)> replace;
-    std::function<void(MoveRequest*)> move;
-    std::function<void(MoveReplaceRequest*)> move_replace;
-    std::function<void(DeleteRequest*)> remove;
-    std::function<void(CloseRequest*)> close, list_end, set_size;
-    std::function<void(FlushRequest*)> flush;
-    std::function<void(ListRequest*)> list;
-    std::function<void(ReadRequest*)> read;
-    std::function<void(WriteRequest*)> write;
-    std::function<void(CapacityRequest*)> capacity;
-    std::function<void(FlushMediaRequest*)> flush_media;
-    std::function<void(ControlRequest*)> control;
-    std::function<void(MediaInfoRequest*)> media_info;
-    std::function<void(AccessRequest*)> access;
-    std::atomic<int> calls{0};
+inline ProtocolError reply_error(const std::vector<uint8_t>& reply) {
+    client::Reply r{};
+    EXPECT_TRUE(client::decode_reply(reply.data(), reply.size(), &r)) << hex(reply);
+    return r.error;
+}
 
+// Checks, when it goes out of scope, that whatever was served since it was made has left
+// nothing behind. Make it before the serve.
+struct Leftovers {
+    long contexts = request_context_live_count();
+    long marshallers = MarshallerObject::live_count();
+    long pipes = FastPipe::live_count();
+    ~Leftovers() {
+        EXPECT_TRUE(wait_until([] { return StreamTransport::writer_live_count() == 0; }));
+        EXPECT_EQ(request_context_live_count(), contexts);
+        EXPECT_EQ(MarshallerObject::live_count(), marshallers);
+        EXPECT_EQ(FastPipe::live_count(), pipes);
+    }
+};
+
+// Each operation runs the function set for it; an operation without one fails the test.
+struct TestFormatter : FormatterRequestHandler {
+    std::atomic<int> calls{0};
     template <class F, class R> void run(F& f, R* r) {
         ++calls;
         if (f) return f(r);
         ADD_FAILURE() << "unexpected formatter call";
     }
-    void Open(OpenRequest* r, FormatterScratch*) override { run(open, r); }
-    void Replace(ReplaceRequest* r, FormatterScratch*) override { run(replace, r); }
-    void Move(MoveRequest* r, FormatterScratch*) override { run(move, r); }
-    void MoveReplace(MoveReplaceRequest* r, FormatterScratch*) override { run(move_replace, r); }
-    void Delete(DeleteRequest* r, FormatterScratch*) override { run(remove, r); }
-    void Close(CloseRequest* r, FormatterScratch*) override { run(close, r); }
-    void Flush(FlushRequest* r, FormatterScratch*) override { run(flush, r); }
-    void List(ListRequest* r, FormatterScratch*) override { run(list, r); }
-    void ListEnd(CloseRequest* r, FormatterScratch*) override { run(list_end, r); }
-    void Read(ReadRequest* r, FormatterScratch*) override { run(read, r); }
-    void Write(WriteRequest* r, FormatterScratch*) override { run(write, r); }
-    void SetSize(CloseRequest* r, FormatterScratch*) override { run(set_size, r); }
-    void Capacity(CapacityRequest* r, FormatterScratch*) override { run(capacity, r); }
-    void FlushMedia(FlushMediaRequest* r, FormatterScratch*) override { run(flush_media, r); }
-    void Control(ControlRequest* r, FormatterScratch*) override { run(control, r); }
-    void MediaInfo(MediaInfoRequest* r, FormatterScratch*) override { run(media_info, r); }
-    void Access(AccessRequest* r, FormatterScratch*) override { run(access, r); }
+#define OPERATION(Name, member, Request)                                                           \
+    std::function<void(Request*)> member;                                                          \
+    void Name(Request* r, FormatterScratch*) override {                                            \
+        run(member, r);                                                                            \
+    }
+    OPERATION(Open, open, OpenRequest)
+    OPERATION(Replace, replace, ReplaceRequest)
+    OPERATION(Move, move, MoveRequest)
+    OPERATION(MoveReplace, move_replace, MoveReplaceRequest)
+    OPERATION(Delete, remove, DeleteRequest)
+    OPERATION(Close, close, CloseRequest)
+    OPERATION(Flush, flush, FlushRequest)
+    OPERATION(List, list, ListRequest)
+    OPERATION(ListEnd, list_end, CloseRequest)
+    OPERATION(Read, read, ReadRequest)
+    OPERATION(Write, write, WriteRequest)
+    OPERATION(SetSize, set_size, CloseRequest)
+    OPERATION(Capacity, capacity, CapacityRequest)
+    OPERATION(FlushMedia, flush_media, FlushMediaRequest)
+    OPERATION(Control, control, ControlRequest)
+    OPERATION(MediaInfo, media_info, MediaInfoRequest)
+    OPERATION(Access, access, AccessRequest)
+#undef OPERATION
+};
+
+// Answers capacity with 10 and 5.
+struct CapacityFormatter : TestFormatter {
+    CapacityFormatter() {
+        capacity = [](CapacityRequest* r) { r->Complete(ProtocolError::Success, 10, 5); };
+    }
 };
 
 struct ServeOptions {
     uint32_t version = 6;
     uintptr_t data_align = 1;
-    const char* formatter_name = "testfs";
-    uintptr_t volume_flags = 0x21;
-    uintptr_t version_word = 0x1000000;
-    bool status = true;      // collect the marshaller's text output
+    bool status = false;     // collect the marshaller's text output (and so its trace)
     bool unbuffered = false; // the runtime's private pipes instead of buffered ones
-    // Serve this device's fast pipe instead of the request pipe; the server's ready line still
-    // comes through the reply pipe.
-    SimulatedDevice* device = nullptr;
+    // Serve the harness's simulated device instead of the request pipe, the device answering
+    // its identity call with this type name (none: the call fails). The server's ready line
+    // still comes through the reply pipe.
+    bool fast_pipe = false;
+    const char* identity = "KestiFastPipe";
     // How to serve, when not by Serve with the parameters (the flat serve operations).
     std::function<uint32_t(MarshallerObject*, const ServeParams&)> serve;
 };
@@ -102,42 +144,28 @@ struct ServeOptions {
 class ServeHarness {
 public:
     explicit ServeHarness(FormatterRequestHandler* handler, ServeOptions options = {})
-        : options_(options) {
-        if (options.unbuffered) {
-            EXPECT_EQ(0u, pipe_create(false, false, &server_read_, &client_write_));
-            EXPECT_EQ(0u, pipe_create(false, false, &client_read_, &server_write_));
-        } else {
-            buffered_pipe(&server_read_, &client_write_);
-            buffered_pipe(&client_read_, &server_write_);
-        }
-        marshaller = MarshallerObject::create(options.version);
-        if (options.status) {
-            buffered_pipe(&status_read_, &status_write_);
+        : options_(std::move(options)) {
+        for (auto [read, write] :
+             {std::pair{&server_read_, &client_write_}, std::pair{&client_read_, &server_write_}})
+            // Buffered pipes, so that a write does not wait for its reader, unless asked.
+            EXPECT_TRUE(options_.unbuffered ? pipe_create(false, false, read, write) == 0
+                                            : CreatePipe(read, write, nullptr, 1 << 16));
+        marshaller = MarshallerObject::create(options_.version);
+        if (options_.status) {
+            EXPECT_TRUE(CreatePipe(&status_read_, &status_write_, nullptr, 1 << 16));
             marshaller->SetStatusHandle(status_write_);
-            status_thread_ = std::thread([this] {
-                char buffer[4096];
-                DWORD got;
-                while (ReadFile(status_read_, buffer, sizeof buffer, &got, nullptr) && got) {
-                    std::lock_guard<std::mutex> lock(status_mutex_);
-                    status_.append(buffer, got);
-                }
-            });
         }
-        params_ = ServeParams{8,
-                              handler,
-                              options.volume_flags,
-                              options.formatter_name,
-                              options.data_align,
-                              options.version_word,
-                              options.device ? options.device->handle() : server_read_,
-                              server_write_};
+        client = std::make_unique<client::StreamClient>(client_read_, client_write_);
+        device.identity_name = options_.identity;
+        HANDLE read = options_.fast_pipe ? device.handle() : server_read_;
+        params_ = ServeParams{8,         handler, 0x21,         "testfs", options_.data_align,
+                              0x1000000, read,    server_write_};
         done_ = CreateEventW(nullptr, TRUE, FALSE, nullptr);
         serve_thread_ = std::thread([this] {
             result_ =
                 options_.serve ? options_.serve(marshaller, params_) : marshaller->Serve(&params_);
             SetEvent(done_);
         });
-        client = std::make_unique<client::StreamClient>(client_read_, client_write_);
     }
 
     ~ServeHarness() {
@@ -145,19 +173,23 @@ public:
             marshaller->ServeCancel();
             wait_served();
         }
-        close(client_write_);
-        close(client_read_);
         serve_thread_.join();
-        close(server_read_);
-        close(server_write_);
         marshaller->Release();
-        close(status_write_);
-        if (status_thread_.joinable()) status_thread_.join();
-        close(status_read_);
-        CloseHandle(done_);
+        // Every transfer the server took was completed exactly once.
+        EXPECT_EQ(device.outstanding(), 0u);
+        EXPECT_EQ(device.bad_completions, 0);
+        for (HANDLE h : {client_write_, client_read_, server_read_, server_write_, status_read_,
+                         status_write_, done_})
+            if (h) CloseHandle(h);
     }
 
-    bool connect() { return client->connect(5000) == 0; }
+    // Takes the server's ready line and sends the client's.
+    bool connect() {
+        if (!options_.fast_pipe) return client->connect(5000) == 0;
+        if (client->wait_ready(5000) != 0) return false;
+        SimTransfer* t = device.write({kClientReadyLine, kClientReadyLine + kReadyLineLength});
+        return device.wait(t) && t->error == 0 && t->consumed == kReadyLineLength;
+    }
 
     void send(const std::vector<uint8_t>& message) {
         ASSERT_EQ(0u, client->send(message.data(), message.size()));
@@ -171,13 +203,23 @@ public:
         return std::vector<uint8_t>(reply, reply + length);
     }
 
-    std::vector<uint8_t> transact(const std::vector<uint8_t>& message) {
-        send(message);
-        return receive();
+    // A request and its reply; on the fast pipe the reply is the direct result of its transfer.
+    std::vector<uint8_t> transact(const std::vector<uint8_t>& message, size_t output = 4096) {
+        if (!options_.fast_pipe) return send(message), receive();
+        return done(device.write(message, kTransferWriteDirect, output))->result();
+    }
+
+    // A transfer of the device, once it is completed.
+    SimTransfer* done(SimTransfer* t) {
+        EXPECT_TRUE(device.wait(t));
+        return t;
     }
 
     // The client goes away: the server's next read meets the end of the pipe.
-    void hang_up() { close(client_write_); }
+    void hang_up() {
+        CloseHandle(client_write_);
+        client_write_ = nullptr;
+    }
 
     bool finished() { return WaitForSingleObject(done_, 0) == WAIT_OBJECT_0; }
 
@@ -192,40 +234,66 @@ public:
         return result_;
     }
 
+    // The marshaller's text output so far.
     std::string status() {
-        std::lock_guard<std::mutex> lock(status_mutex_);
+        char buffer[4096];
+        DWORD got = 0;
+        while (PeekNamedPipe(status_read_, nullptr, 0, nullptr, &got, nullptr) && got &&
+               ReadFile(status_read_, buffer, sizeof buffer, &got, nullptr))
+            status_.append(buffer, got);
         return status_;
     }
     // Waits until the status output contains `text`; returns the whole output.
-    std::string status_with(const std::string& text, int timeout_ms = 5000) {
-        wait_until([&] { return status().find(text) != std::string::npos; }, timeout_ms);
-        return status();
-    }
-    void clear_status() {
-        std::lock_guard<std::mutex> lock(status_mutex_);
-        status_.clear();
+    std::string status_with(const std::string& text) {
+        wait_until([&] { return status().find(text) != std::string::npos; }, 5000);
+        return status_;
     }
 
+    SimulatedDevice device;
     MarshallerObject* marshaller = nullptr;
     std::unique_ptr<client::StreamClient> client;
 
 private:
-    static void close(HANDLE& h) {
-        if (h != INVALID_HANDLE_VALUE && h != nullptr) CloseHandle(h);
-        h = INVALID_HANDLE_VALUE;
-    }
-
     ServeOptions options_;
+    HANDLE server_read_ = nullptr, server_write_ = nullptr;
+    HANDLE client_read_ = nullptr, client_write_ = nullptr;
+    HANDLE status_read_ = nullptr, status_write_ = nullptr;
     ServeParams params_{};
-    HANDLE server_read_ = INVALID_HANDLE_VALUE, server_write_ = INVALID_HANDLE_VALUE;
-    HANDLE client_read_ = INVALID_HANDLE_VALUE, client_write_ = INVALID_HANDLE_VALUE;
-    HANDLE status_read_ = INVALID_HANDLE_VALUE, status_write_ = INVALID_HANDLE_VALUE;
     HANDLE done_ = nullptr;
     std::thread serve_thread_;
-    std::thread status_thread_;
-    std::mutex status_mutex_;
     std::string status_;
     uint32_t result_ = 0xFFFFFFFF;
+};
+
+// The marshaller's trace channel, captured through the test trace library (bin\tracetest),
+// which appends "<channel>: <text>" to the file ZUN_TRACE_FILE names.
+struct TraceCapture {
+    explicit TraceCapture(const wchar_t* name) {
+        wchar_t path[MAX_PATH];
+        GetModuleFileNameW(nullptr, path, MAX_PATH);
+        std::wstring directory(path, wcsrchr(path, L'\\'));
+        path_ = directory + L"\\trace_" + name + L".txt";
+        DeleteFileW(path_.c_str());
+        SetEnvironmentVariableW(L"ZUN_TRACE_FILE", path_.c_str());
+        SetDllDirectoryW((directory + L"\\tracetest").c_str());
+        channel = trace_channel_open(name);
+        SetDllDirectoryW(nullptr);
+    }
+    ~TraceCapture() {
+        SetEnvironmentVariableW(L"ZUN_TRACE_FILE", nullptr);
+        DeleteFileW(path_.c_str());
+    }
+
+    // Everything printed to the channel so far.
+    std::string text() const {
+        std::ifstream file(std::filesystem::path(path_), std::ios::binary);
+        return {std::istreambuf_iterator<char>(file), {}};
+    }
+
+    TraceChannel channel = nullptr; // one reference, for the marshaller to take
+
+private:
+    std::wstring path_;
 };
 
 // Request bytes from a protocol_client encoder.

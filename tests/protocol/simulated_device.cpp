@@ -11,79 +11,47 @@ namespace zun::test {
 
 namespace {
 
+struct Exclusive {
+    SRWLOCK* lock;
+    explicit Exclusive(SRWLOCK* l) : lock(l) { AcquireSRWLockExclusive(lock); }
+    ~Exclusive() { ReleaseSRWLockExclusive(lock); }
+};
+
 // Knows every simulated device by the values of its handles, duplicates included, and answers
 // the library's calls on them. Installed once, for the life of the process.
-class DeviceRegistry final : public DeviceHook {
-public:
-    static DeviceRegistry& get() {
-        static DeviceRegistry* registry = [] {
-            auto* r = new DeviceRegistry;
+struct Registry final : DeviceHook {
+    SRWLOCK lock = SRWLOCK_INIT;
+    std::unordered_map<HANDLE, SimulatedDevice*> devices;
+
+    static Registry& get() {
+        static Registry* registry = [] {
+            auto* r = new Registry;
             device_hook_set(r);
             return r;
         }();
         return *registry;
     }
-
-    void add(HANDLE handle, SimulatedDevice* device) {
-        AcquireSRWLockExclusive(&lock_);
-        devices_[handle] = device;
-        ReleaseSRWLockExclusive(&lock_);
+    SimulatedDevice* find(HANDLE handle) {
+        auto it = devices.find(handle);
+        return it == devices.end() ? nullptr : it->second;
     }
-    void remove(SimulatedDevice* device) {
-        AcquireSRWLockExclusive(&lock_);
-        for (auto it = devices_.begin(); it != devices_.end();)
-            it = it->second == device ? devices_.erase(it) : std::next(it);
-        ReleaseSRWLockExclusive(&lock_);
-    }
-
     bool control(HANDLE handle, uint32_t code, const void* input, size_t input_size, void* output,
                  size_t output_size, size_t* returned, uint32_t* error) override {
+        AcquireSRWLockShared(&lock);
         SimulatedDevice* device = find(handle);
-        if (!device) return false;
-        *error = device->control(code, input, input_size, output, output_size, returned);
-        return true;
+        ReleaseSRWLockShared(&lock);
+        if (device)
+            *error = device->control(code, input, input_size, output, output_size, returned);
+        return device != nullptr;
     }
     void duplicated(HANDLE original, HANDLE copy) override {
-        AcquireSRWLockExclusive(&lock_);
-        auto it = devices_.find(original);
-        if (it != devices_.end()) {
-            devices_[copy] = it->second;
-            it->second->duplicate_opened();
-        }
-        ReleaseSRWLockExclusive(&lock_);
+        Exclusive guard(&lock);
+        if (SimulatedDevice* device = find(original)) ++device->duplicates, devices[copy] = device;
     }
     void closing(HANDLE handle) override {
-        AcquireSRWLockExclusive(&lock_);
-        auto it = devices_.find(handle);
-        if (it != devices_.end()) {
-            it->second->duplicate_closed();
-            devices_.erase(it);
-        }
-        ReleaseSRWLockExclusive(&lock_);
+        Exclusive guard(&lock);
+        if (SimulatedDevice* device = find(handle)) --device->duplicates, devices.erase(handle);
     }
-
-private:
-    SimulatedDevice* find(HANDLE handle) {
-        AcquireSRWLockShared(&lock_);
-        auto it = devices_.find(handle);
-        SimulatedDevice* device = it == devices_.end() ? nullptr : it->second;
-        ReleaseSRWLockShared(&lock_);
-        return device;
-    }
-
-    SRWLOCK lock_ = SRWLOCK_INIT;
-    std::unordered_map<HANDLE, SimulatedDevice*> devices_;
-};
-
-class Exclusive {
-public:
-    explicit Exclusive(SRWLOCK* lock) : lock_(lock) { AcquireSRWLockExclusive(lock_); }
-    ~Exclusive() { ReleaseSRWLockExclusive(lock_); }
-    Exclusive(const Exclusive&) = delete;
-    Exclusive& operator=(const Exclusive&) = delete;
-
-private:
-    SRWLOCK* lock_;
 };
 
 uint64_t address_of(const void* p) {
@@ -92,30 +60,23 @@ uint64_t address_of(const void* p) {
 
 } // namespace
 
-SimulatedDevice::SimulatedDevice() {
-    handle_ = CreateEventW(nullptr, TRUE, FALSE, nullptr);
-    DeviceRegistry::get().add(handle_, this);
+SimulatedDevice::SimulatedDevice() : handle_(CreateEventW(nullptr, TRUE, FALSE, nullptr)) {
+    Exclusive guard(&Registry::get().lock);
+    Registry::get().devices[handle_] = this;
 }
 
 SimulatedDevice::~SimulatedDevice() {
-    DeviceRegistry::get().remove(this);
+    Registry& registry = Registry::get();
+    {
+        Exclusive guard(&registry.lock);
+        std::erase_if(registry.devices, [&](const auto& entry) { return entry.second == this; });
+    }
     CloseHandle(handle_);
-}
-
-void SimulatedDevice::set_identity(int32_t version, int32_t incompatible_version,
-                                   const char* type_name) {
-    Exclusive guard(&lock_);
-    identity_version_ = version;
-    identity_incompatible_ = incompatible_version;
-    identity_answers_ = type_name != nullptr;
-    identity_name_ = type_name ? type_name : "";
 }
 
 void SimulatedDevice::submit(SimTransfer* t) {
     Exclusive guard(&lock_);
-    t->key = 0;
-    t->completions = 0;
-    t->receive_calls = 0;
+    t->key = t->completions = t->receive_calls = 0;
     t->data_given = nullptr;
     queue_.push_back(t);
     if (receivers_waiting_) WakeConditionVariable(&arrived_);
@@ -123,21 +84,13 @@ void SimulatedDevice::submit(SimTransfer* t) {
 
 SimTransfer* SimulatedDevice::write(const std::vector<uint8_t>& bytes, uint64_t type,
                                     size_t output_size) {
-    auto t = std::make_unique<SimTransfer>();
-    t->type = type;
-    t->data = bytes;
-    t->output.assign(output_size, 0xCC);
-    SimTransfer* raw = t.get();
+    SimTransfer* t = new SimTransfer{type, bytes, std::vector<uint8_t>(output_size, 0xCC)};
     {
         Exclusive guard(&lock_);
-        owned_.push_back(std::move(t));
+        owned_.emplace_back(t);
     }
-    submit(raw);
-    return raw;
-}
-
-SimTransfer* SimulatedDevice::read(size_t output_size) {
-    return write({}, kTransferRead, output_size);
+    submit(t);
+    return t;
 }
 
 bool SimulatedDevice::wait(SimTransfer* t, uint32_t timeout_ms) {
@@ -151,12 +104,6 @@ bool SimulatedDevice::wait(SimTransfer* t, uint32_t timeout_ms) {
         --clients_waiting_;
     }
     return true;
-}
-
-void SimulatedDevice::hang_up() {
-    Exclusive guard(&lock_);
-    hung_up_ = true;
-    WakeAllConditionVariable(&arrived_);
 }
 
 void SimulatedDevice::fail_receives(uint32_t error, int count) {
@@ -174,29 +121,25 @@ size_t SimulatedDevice::outstanding() {
 uint32_t SimulatedDevice::control(uint32_t code, const void* input, size_t input_size, void* output,
                                   size_t output_size, size_t* returned) {
     *returned = 0;
-    if (code == file_control_code(kIdentityFunction)) {
-        Exclusive guard(&lock_);
-        if (!identity_answers_) return ERROR_INVALID_FUNCTION;
-        if (output_size < sizeof(DeviceIdentity)) return ERROR_INSUFFICIENT_BUFFER;
-        DeviceIdentity identity{};
-        identity.version = identity_version_;
-        identity.incompatible_version = identity_incompatible_;
-        strncpy(identity.type_name, identity_name_.c_str(), sizeof identity.type_name - 1);
-        memcpy(output, &identity, sizeof identity);
-        *returned = sizeof identity;
-        return 0;
-    }
     if (code == control_code_neither(kFastPipeReceiveFunction))
         return receive(input, input_size, output, output_size, returned);
     if (code == control_code_neither(kFastPipeCompleteFunction)) return complete(input, input_size);
+    Exclusive guard(&lock_);
     if (code == control_code(kFastPipeCancelFunction)) {
-        Exclusive guard(&lock_);
-        ++cancels_;
+        ++cancels;
         cancelled_ = true;
         WakeAllConditionVariable(&arrived_);
         return 0;
     }
-    return ERROR_INVALID_FUNCTION;
+    if (code != file_control_code(kIdentityFunction) || !identity_name)
+        return ERROR_INVALID_FUNCTION;
+    if (output_size < sizeof(DeviceIdentity)) return ERROR_INSUFFICIENT_BUFFER;
+    DeviceIdentity identity{};
+    identity.version = identity_version;
+    identity.incompatible_version = identity_incompatible;
+    strncpy(identity.type_name, identity_name, sizeof identity.type_name - 1);
+    memcpy(output, &identity, *returned = sizeof identity);
+    return 0;
 }
 
 uint32_t SimulatedDevice::receive(const void* input, size_t input_size, void* output,
@@ -206,46 +149,37 @@ uint32_t SimulatedDevice::receive(const void* input, size_t input_size, void* ou
     FastPipeReceiveInput in;
     memcpy(&in, input, sizeof in);
     auto* buffer = reinterpret_cast<uint8_t*>(static_cast<uintptr_t>(in.buffer));
-    ++receive_calls_;
 
     Exclusive guard(&lock_);
-    while (queue_.empty() && !cancelled_ && !hung_up_ && !fail_count_) {
+    while (queue_.empty() && !cancelled_ && !fail_count_) {
         ++receivers_waiting_;
         SleepConditionVariableSRW(&arrived_, &lock_, INFINITE, 0);
         --receivers_waiting_;
     }
-    if (fail_count_) {
-        --fail_count_;
-        return fail_error_;
-    }
-    if (cancelled_ || hung_up_) return kDeviceClosedError;
+    if (fail_count_) return --fail_count_, fail_error_;
+    if (cancelled_) return kDeviceClosedError;
 
     SimTransfer* t = queue_.front();
     ++t->receive_calls;
     FastPipeReceiveRecord record{};
     record.data_size = t->type == kTransferRead ? 0 : t->data.size();
-    if (record.data_size > in.buffer_size || (record.data_size && !buffer)) {
-        // Too small: say how much is needed and keep the transfer for the next call.
-        memcpy(output, &record, sizeof record);
-        *returned = sizeof record;
-        return 0;
+    // A buffer too small: say how much is needed and keep the transfer for the next call.
+    if (record.data_size <= in.buffer_size && (!record.data_size || buffer)) {
+        queue_.pop_front();
+        if (record.data_size) {
+            memcpy(buffer, t->data.data(), t->data.size());
+            t->data_given = buffer;
+            record.data = address_of(buffer);
+        }
+        handed_out_[t->key = next_key_++] = t;
+        record.word0 = t->key * 3;
+        record.word1 = 0x5157;
+        record.key = t->key;
+        record.transfer_type = t->type;
+        record.output_size = t->output.size();
+        record.output = t->output.empty() ? 0 : address_of(t->output.data());
     }
-    queue_.pop_front();
-    if (record.data_size) {
-        memcpy(buffer, t->data.data(), t->data.size());
-        t->data_given = buffer;
-        record.data = address_of(buffer);
-    }
-    t->key = next_key_++;
-    handed_out_[t->key] = t;
-    record.word0 = t->key * 3;
-    record.word1 = 0x5157;
-    record.key = t->key;
-    record.transfer_type = t->type;
-    record.output_size = t->output.size();
-    record.output = t->output.empty() ? 0 : address_of(t->output.data());
-    memcpy(output, &record, sizeof record);
-    *returned = sizeof record;
+    memcpy(output, &record, *returned = sizeof record);
     return 0;
 }
 
@@ -255,18 +189,14 @@ uint32_t SimulatedDevice::complete(const void* input, size_t input_size) {
     memcpy(&in, input, sizeof in);
     Exclusive guard(&lock_);
     auto it = handed_out_.find(in.key);
-    if (it == handed_out_.end()) {
-        ++bad_completions_;
-        return ERROR_INVALID_PARAMETER;
-    }
+    if (it == handed_out_.end()) return ++bad_completions, ERROR_INVALID_PARAMETER;
     SimTransfer* t = it->second;
     handed_out_.erase(it);
     size_t data_size = t->type == kTransferRead ? 0 : t->data.size();
-    if (in.consumed > data_size || in.placed > t->output.size() || in.zero != 0) ++bad_completions_;
+    if (in.consumed > data_size || in.placed > t->output.size() || in.zero != 0) ++bad_completions;
     t->error = in.error;
     t->consumed = in.consumed;
     t->placed = in.placed;
-    t->output_named = in.output;
     ++t->completions;
     if (clients_waiting_) WakeAllConditionVariable(&done_);
     return 0;
