@@ -7,6 +7,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <stdarg.h>
 
 #include "base/format.h"
 
@@ -75,16 +76,24 @@ inline size_t decimal_text(char* out, size_t capacity, double value, unsigned de
                        scaled % scale);
 }
 
-inline void report(const char* name, double ours_ns, double baseline_ns) {
-    char ours[32], baseline[32], ratio[32], line[256];
-    decimal_text(ours, sizeof ours, ours_ns, 1);
-    decimal_text(baseline, sizeof baseline, baseline_ns, 1);
-    decimal_text(ratio, sizeof ratio, baseline_ns / ours_ns, 2);
-    size_t n = utf8_format(line, sizeof line, "%s: ours %s ns/op, baseline %s ns/op, ratio %sx\r\n",
-                           name, ours, baseline, ratio);
+// Prints one formatted line (UTF-8) to standard output.
+inline void say(const char* format, ...) {
+    char line[512];
+    va_list args;
+    va_start(args, format);
+    size_t n = utf8_vformat(line, sizeof line, format, args);
+    va_end(args);
     DWORD written;
     WriteFile(GetStdHandle(STD_OUTPUT_HANDLE), line,
               static_cast<DWORD>(n < sizeof line ? n : sizeof line - 1), &written, nullptr);
+}
+
+inline void report(const char* name, double ours_ns, double baseline_ns) {
+    char ours[32], baseline[32], ratio[32];
+    decimal_text(ours, sizeof ours, ours_ns, 1);
+    decimal_text(baseline, sizeof baseline, baseline_ns, 1);
+    decimal_text(ratio, sizeof ratio, baseline_ns / ours_ns, 2);
+    say("%s: ours %s ns/op, baseline %s ns/op, ratio %sx\r\n", name, ours, baseline, ratio);
 }
 
 template <typename Ours, typename Baseline>

@@ -51,16 +51,7 @@ constexpr size_t kPipeBuffer = 1 << 20;
 constexpr double kRoundSeconds = 0.1;
 constexpr int kRounds = 9;
 
-void say(const char* format, ...) {
-    char line[512];
-    va_list args;
-    va_start(args, format);
-    size_t n = utf8_vformat(line, sizeof line, format, args);
-    va_end(args);
-    if (n >= sizeof line) n = sizeof line - 1;
-    DWORD written;
-    WriteFile(GetStdHandle(STD_OUTPUT_HANDLE), line, static_cast<DWORD>(n), &written, nullptr);
-}
+using bench::say;
 
 std::string decimal(double value, unsigned decimals) {
     char text[64];
