@@ -11,6 +11,17 @@
 
 #include "base/owned_handle.h"
 
+// Collects everything written to a pipe's read end until the writers are gone, on a thread of
+// its own so that a chatty child never blocks on a full pipe. Join the thread before reading.
+inline std::thread pipe_drain(HANDLE read_end, std::string* out) {
+    return std::thread([read_end, out] {
+        char buffer[4096];
+        DWORD got;
+        while (ReadFile(read_end, buffer, sizeof buffer, &got, nullptr) && got)
+            out->append(buffer, got);
+    });
+}
+
 // Waits until `condition()` holds or `timeout_ms` has passed; returns the last value. For
 // observing another thread's progress, never for ordering it.
 template <class Condition> bool wait_until(Condition condition, int timeout_ms = 10000) {
@@ -91,13 +102,7 @@ inline ChildResult run_child(const char* filter, const char* role, DWORD timeout
                                        0, handles);
     SetEnvironmentVariableW(L"ZUN_TEST_CHILD", nullptr);
     CloseHandle(write_end);
-    // Drain the output meanwhile, so that a chatty child never blocks on a full pipe.
-    std::thread reader([&] {
-        char buffer[4096];
-        DWORD got;
-        while (ReadFile(read_end, buffer, sizeof buffer, &got, nullptr) && got)
-            result.output.append(buffer, got);
-    });
+    std::thread reader = pipe_drain(read_end, &result.output);
     result.started = child.process.valid();
     result.exit_code = result.started ? child.wait(timeout_ms) : 0;
     reader.join();

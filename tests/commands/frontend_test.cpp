@@ -8,7 +8,7 @@ namespace {
 
 // What a front-end of the bin folder shows.
 std::string shown(const wchar_t* program, const std::wstring& arguments) {
-    return run_program(bin_directory() + L"\\" + program + L".exe", arguments).shown();
+    return run_program(test_program_directory() + L"\\" + program + L".exe", arguments).shown();
 }
 
 } // namespace
@@ -107,14 +107,14 @@ TEST(FrontEnd, FindsTheLibraryThroughTheClassKey) {
     SavedRegistryValue value(HKEY_LOCAL_MACHINE, L"SOFTWARE\\Classes\\KestiFileMount", L"zunapi");
     value.remove();
     EXPECT_EQ(zun.run(L"").shown(), "126 "); // ERROR_MOD_NOT_FOUND
-    value.set(bin_directory() + L"\\zunapi.dll");
+    value.set(test_program_directory() + L"\\zunapi.dll");
     EXPECT_EQ(zun.run(L"-h").shown(), shown(L"zun", L"-h"));
 }
 
 // Every entry is exported by name; the thin executables use some of them, other programs the
 // rest.
 TEST(FrontEnd, EveryEntryIsExported) {
-    HMODULE library = LoadLibraryW((bin_directory() + L"\\zunapi.dll").c_str());
+    HMODULE library = LoadLibraryW((test_program_directory() + L"\\zunapi.dll").c_str());
     ASSERT_NE(library, nullptr);
     for (std::string name : {"zun", "zunhost", "zuninst", "luminst", "lumcmd"}) {
         EXPECT_NE(GetProcAddress(library, (name + "_wmain").c_str()), nullptr) << name;

@@ -30,7 +30,7 @@ FACTORY_REGISTRATION_HOOK(recording_hook, (logging_hook<'r', 'R', 0>), (logging_
 FACTORY_REGISTRATION_HOOK(failing_hook, (logging_hook<'f', 'R', ERROR_ACCESS_DENIED>),
                           (logging_hook<'f', 'U', ERROR_ACCESS_DENIED>));
 
-const std::wstring library_path = bin_directory() + L"\\zunapi.dll";
+const std::wstring library_path = test_program_directory() + L"\\zunapi.dll";
 
 bool library_loaded() {
     return GetModuleHandleW(library_path.c_str()) != nullptr;
@@ -199,9 +199,9 @@ TEST(ClientModule, Child) {
         RegSetKeyValueW(HKEY_CLASSES_ROOT, key, name, type, text.c_str(),
                         static_cast<DWORD>((text.size() + 1) * sizeof(wchar_t)));
     };
-    SetEnvironmentVariableW(L"ZUN_TEST_BIN", bin_directory().c_str());
+    SetEnvironmentVariableW(L"ZUN_TEST_BIN", test_program_directory().c_str());
     set(L"library", REG_EXPAND_SZ, L"%ZUN_TEST_BIN%\\zunapi.dll");
-    set(L"missing", REG_SZ, bin_directory() + L"\\no-such-module.dll");
+    set(L"missing", REG_SZ, test_program_directory() + L"\\no-such-module.dll");
 
     void* table = nullptr;
     static ClientModule missing = {key, L"missing"}, record = {key, L"library"};

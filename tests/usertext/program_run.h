@@ -11,6 +11,8 @@
 
 #include <windows.h>
 
+#include "base/test_support.h"
+
 inline constexpr size_t npos = std::string::npos;
 
 struct ProgramRun {
@@ -19,12 +21,6 @@ struct ProgramRun {
     // The exit code as a signed number, a blank and the output.
     std::string shown() const { return std::to_string(static_cast<int>(exit_code)) + " " + out; }
 };
-
-inline std::wstring bin_directory() {
-    wchar_t path[MAX_PATH];
-    std::wstring program(path, GetModuleFileNameW(nullptr, path, MAX_PATH));
-    return program.substr(0, program.find_last_of(L'\\'));
-}
 
 inline std::string narrow(const std::wstring& ascii) {
     return std::string(ascii.begin(), ascii.end());
@@ -55,14 +51,8 @@ inline ProgramRun run_program(const std::wstring& exe, const std::wstring& argum
                    block.data(), directory.empty() ? nullptr : directory.c_str(), &startup,
                    &process);
     CloseHandle(write_end);
-    // Drain meanwhile, so that a long output never blocks on a full pipe. Without a process
-    // every call below fails and the exit code stays as it was.
-    std::thread reader([&] {
-        char buffer[4096];
-        DWORD got;
-        while (ReadFile(read_end, buffer, sizeof buffer, &got, nullptr) && got)
-            result.out.append(buffer, got);
-    });
+    // Without a process every call below fails and the exit code stays as it was.
+    std::thread reader = pipe_drain(read_end, &result.out);
     if (WaitForSingleObject(process.hProcess, 20000) != WAIT_OBJECT_0)
         TerminateProcess(process.hProcess, 0xDEAD);
     WaitForSingleObject(process.hProcess, INFINITE);
@@ -87,7 +77,7 @@ public:
         std::filesystem::create_directories(folder_);
         companions.push_back(program);
         for (const std::wstring& file : companions)
-            std::filesystem::copy_file(bin_directory() + L"\\" + file, folder_ / file);
+            std::filesystem::copy_file(test_program_directory() + L"\\" + file, folder_ / file);
     }
     ~ProgramCopy() {
         std::error_code ignored;
